@@ -1,0 +1,6 @@
+#include "log.h"
+
+int main() {
+   Warning("Invalid number of arguments.\n");
+   return 1;
+}
