@@ -1,0 +1,46 @@
+/*
+ * Pieces of the formatting engine shared with the Str_ helpers and the
+ * library's own tests. Not part of the public API.
+ */
+#ifndef HALCYX_STRING_BSD_VSNPRINTF_INT_H
+#define HALCYX_STRING_BSD_VSNPRINTF_INT_H
+
+#include <cstddef>
+
+namespace halcyx::bsdfmt {
+
+/*
+ * Where text of at most p bytes that is cut at byte p must end so that it
+ * does not end inside a UTF-8 sequence: p itself when the sequence that
+ * ends there is complete (or is plain ASCII), otherwise the offset of that
+ * sequence's lead byte. Position 0 is taken as a lead byte whatever it
+ * holds; a lead byte promising more than 7 bytes always cuts.
+ */
+size_t Utf8BoundaryLength(const char *text, size_t p);
+
+/*
+ * Decimal digits of value, wrapped over the C library's ecvt/fcvt.
+ *
+ * mode 2: ndigits significant digits (ecvt).
+ * mode 3: ndigits digits after the decimal point (fcvt); with ndigits 0 the
+ *         value is first rounded half away from zero.
+ *
+ * Returns a newly allocated digit string (release it with freedtoa) or null
+ * when the copy cannot be allocated. *decpt receives the position of the
+ * decimal point relative to the first digit, *sign whether the value is
+ * negative, and *rve the end of the significant digits: trailing zeros are
+ * not part of them, except that a zero value keeps one "0". Infinity and NaN
+ * come back as the C library's text ("inf", "-nan", ...).
+ *
+ * ecvt and fcvt share static storage; every call goes through one
+ * process-wide mutex, held only around the call and the copy.
+ */
+char *dtoa(double value, int mode, int ndigits, int *decpt, int *sign, char **rve);
+// dtoa of the value narrowed to double.
+char *ldtoa(long double value, int mode, int ndigits, int *decpt, int *sign,
+            char **rve);
+void freedtoa(char *digits);
+
+}  // namespace halcyx::bsdfmt
+
+#endif  // HALCYX_STRING_BSD_VSNPRINTF_INT_H
