@@ -153,6 +153,11 @@ inline void Pad(Sink &sink, int64_t n, const char *with) {
       return;
    }
    while (n > 16) {
+      if (!sink.allocating && sink.room == 0) {
+         // A full caller's buffer only counts.
+         sink.total += static_cast<size_t>(n);
+         return;
+      }
       BSDFmt_SPrint(sink, with, 16);
       n -= 16;
    }
@@ -1568,7 +1573,7 @@ char *BSDFmt_WCharToUTF8(const wchar_t *wideString, int precision) {
          continue;
       }
       if (result != conversionOK && result != sourceExhausted && result != sourceIllegal) {
-         halcyx::PanicNotImplemented("lib/string/bsd_vsnprintf", 424);
+         halcyx::PanicNotImplemented(halcyx::bsdfmt::kModulePath, 424);
       }
       break;
    }
