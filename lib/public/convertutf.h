@@ -1,5 +1,5 @@
 /*
- * Reference conversions between UTF-32, UTF-16 and UTF-8.
+ * Conversions between UTF-32, UTF-16 and UTF-8, and a UTF-8 sequence check.
  *
  * Each function converts from *sourceStart up to sourceEnd into *targetStart
  * up to targetEnd and advances both pointers past what it consumed and
