@@ -4,10 +4,11 @@
  * One pass over the format: literal runs are found with strchrnul and
  * copied whole; each conversion is parsed through a constexpr table that
  * classifies every format byte, converted into a small local buffer, and
- * emitted as a handful of (pointer, length) pieces that are flushed into the
- * sink at the end of the conversion. Nothing is allocated for the caller's
- * buffer form unless the format uses wide strings, floating point or more
- * than 8 positional arguments.
+ * emitted as a few (pointer, length) pieces: padding runs, sign, prefix,
+ * digits. A piece that fits in the room left goes straight into the sink;
+ * only truncation and growth take the out-of-line path. Nothing is
+ * allocated for the caller's buffer form unless the format uses wide
+ * strings, floating point or positions beyond 7.
  *
  * All state lives in the call. The one shared resource is the mutex around
  * ecvt/fcvt (see dtoa).
