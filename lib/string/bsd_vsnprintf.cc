@@ -167,7 +167,7 @@ inline void Pad(Sink &sink, int64_t n, const char *with) {
 
 // The digits [p, end) cut or padded with with to exactly n bytes.
 inline void PrintAndPad(Sink &sink, const char *p, const char *end, int64_t n,
-                 const char *with) {
+                        const char *with) {
    int64_t have = p < end ? end - p : 0;
    if (have > n) {
       have = n;
@@ -195,8 +195,8 @@ void LoadLocale(LocaleParams &locale) {
    if (locale.pending) {
       const struct lconv *lc = localeconv();
       locale.decimalPoint = lc->decimal_point;
-      locale.decimalLength =
-         lc->decimal_point[0] != '\0' && lc->decimal_point[1] == '\0' ? 1 : strlen(lc->decimal_point);
+      const char *point = lc->decimal_point;
+      locale.decimalLength = point[0] != '\0' && point[1] == '\0' ? 1 : strlen(point);
       locale.thousandsSep = lc->thousands_sep[0];
       locale.grouping = lc->grouping;
       locale.pending = false;
@@ -1212,8 +1212,7 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
                if (negative || signFlag) {
                   sign = '-';
                }
-               bool upper = ch >= 'A' && ch <= 'Z';
-               cp = nan ? (upper ? "NAN" : "nan") : (upper ? "INF" : "inf");
+               cp = nan ? (info.upper ? "NAN" : "nan") : (info.upper ? "INF" : "inf");
                csize = 3;
                flags &= ~kZeroPad;
                break;
@@ -1225,6 +1224,12 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
             expt = decpt;
             digitsEnd = end;
             ndig = end - cp;
+            if (expChar != '\0' && ndig == 0) {
+               // The exponent form always shows a first digit.
+               cp = "0";
+               digitsEnd = cp + 1;
+               ndig = 1;
+            }
             if (lower == 'g') {
                if (expt > -4 && expt <= prec) {
                   // Plain notation; "#" keeps the trailing zeros.
@@ -1242,11 +1247,6 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
                }
             }
             if (expChar != '\0') {
-               if (ndig == 0) {
-                  cp = "0";
-                  digitsEnd = cp + 1;
-                  ndig = 1;
-               }
                expSize = BSDFmt_Exponent(expBuf, static_cast<int>(expt - 1), expChar);
                csize = expSize + prec;
                if (prec > 1 || (flags & kAlt) != 0) {
