@@ -25,3 +25,18 @@ int Str_Sprintf(char *buf, size_t maxSize, const char *format, ...) {
 }
 
 }
+
+extern "C" char *Str_Asprintf(size_t *length, const char *format, ...) {
+   va_list ap;
+   va_start(ap, format);
+   char *out = nullptr;
+   int r = vasprintf(&out, format, ap);
+   va_end(ap);
+   if (r < 0) {
+      return nullptr;
+   }
+   if (length != nullptr) {
+      *length = static_cast<size_t>(r);
+   }
+   return out;
+}
