@@ -1,6 +1,7 @@
 # halcyx_add_test(NAME SOURCES src... [LIBS lib...] [LABELS label...])
 #
-# One GoogleTest executable, each of its tests registered with CTest.
+# One GoogleTest executable, each of its tests registered with CTest and
+# labelled "unit" unless it is labelled "integration".
 # Tests labelled "concurrency" are also built and run under ThreadSanitizer;
 # in that build every other test is skipped.
 include(GoogleTest)
@@ -18,7 +19,10 @@ function(halcyx_add_test name)
   endif()
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE halcyx_test_support halcyx GTest::gtest_main ${T_LIBS})
+  if(NOT "integration" IN_LIST T_LABELS)
+    list(APPEND T_LABELS unit)
+  endif()
   gtest_discover_tests(${name}
     DISCOVERY_TIMEOUT 120
-    PROPERTIES LABELS "unit;${T_LABELS}" ENVIRONMENT "${HALCYX_TEST_ENV}" TIMEOUT 300)
+    PROPERTIES LABELS "${T_LABELS}" ENVIRONMENT "${HALCYX_TEST_ENV}" TIMEOUT 300)
 endfunction()
