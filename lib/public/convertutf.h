@@ -1,5 +1,5 @@
 /*
- * Reference conversions between UTF-32, UTF-16 and UTF-8.
+ * Conversions between UTF-32, UTF-16 and UTF-8, and a UTF-8 sequence check.
  *
  * Each function converts from *sourceStart up to sourceEnd into *targetStart
  * up to targetEnd and advances both pointers past what it consumed and
@@ -12,7 +12,14 @@
  *   - sourceIllegal     in strict mode, on an unpaired surrogate, a value
  *                       above U+10FFFF or an ill-formed UTF-8 sequence; the
  *                       source pointer stays at the offending unit.
- * In lenient mode an out-of-range or unpaired value becomes U+FFFD instead.
+ * In lenient mode an out-of-range or unpaired value becomes U+FFFD instead,
+ * and conversion goes on, so lenient mode never reports sourceIllegal. Each
+ * maximal ill-formed part of UTF-8 input (the longest prefix of a well-formed
+ * sequence, or a single byte) becomes one U+FFFD.
+ * Only a proper prefix of a well-formed character counts as cut by the end of
+ * the source: bytes that can no longer become well-formed are ill-formed even
+ * at the end. Well-formed means a Unicode scalar value (U+0000..U+10FFFF minus
+ * the surrogates) in its shortest form.
  */
 #ifndef HALCYX_CONVERTUTF_H
 #define HALCYX_CONVERTUTF_H
