@@ -92,13 +92,15 @@ MXUserRecLock *BindExternalRecLock(void *external, const ExternalLockOps *ops,
 
 using namespace halcyx::mxuser;
 
+// The C entry points hand a lock across calls, which the analysis cannot
+// follow; it checks the native lock and the guard type instead.
 extern "C" {
 
 MXUserRecLock *MXUser_CreateRecLock(const char *name, MX_Rank rank) {
    return CreateRecLock(name, rank, __builtin_return_address(0));
 }
 
-void MXUser_AcquireRecLock(MXUserRecLock *lock) {
+void MXUser_AcquireRecLock(MXUserRecLock *lock) HALCYX_NO_TSA {
    if (lock->vmmLock != nullptr) {
       lock->vmmOps->acquire(lock->vmmLock);
    } else {
@@ -106,7 +108,7 @@ void MXUser_AcquireRecLock(MXUserRecLock *lock) {
    }
 }
 
-void MXUser_ReleaseRecLock(MXUserRecLock *lock) {
+void MXUser_ReleaseRecLock(MXUserRecLock *lock) HALCYX_NO_TSA {
    if (lock->vmmLock != nullptr) {
       lock->vmmOps->release(lock->vmmLock);
    } else {
@@ -114,7 +116,7 @@ void MXUser_ReleaseRecLock(MXUserRecLock *lock) {
    }
 }
 
-bool MXUser_TryAcquireRecLock(MXUserRecLock *lock) {
+bool MXUser_TryAcquireRecLock(MXUserRecLock *lock) HALCYX_NO_TSA {
    if (lock->vmmLock != nullptr) {
       return lock->vmmOps->tryAcquire(lock->vmmLock);
    }
