@@ -83,7 +83,7 @@ std::atomic<int> gStatsMode{0};
 
 }  // namespace
 
-uint32_t GetSignature(uint32_t kind) {
+uint32_t MXUserGetSignature(uint32_t kind) {
    uint32_t base = gSignatureBase.load(std::memory_order_acquire);
    if (base == 0) {
       uint32_t now = static_cast<uint32_t>(time(nullptr));
@@ -98,7 +98,7 @@ uint32_t GetSignature(uint32_t kind) {
    return (kind << 28) | (base & 0x0FFFFFFFu);
 }
 
-uint64_t AllocSerialNumber() {
+uint64_t MXUserAllocSerialNumber() {
    uint64_t serial = gSerialNumber.fetch_add(1, std::memory_order_relaxed);
    if (serial == 0) {
       Panic("%s: too many locks!\n", "MXUserAllocSerialNumber");
@@ -112,7 +112,7 @@ void SetNextSerialNumberForTest(uint64_t next) {
 
 void SetStatsModeForTest(int mode) { gStatsMode.store(mode, std::memory_order_relaxed); }
 
-void SetupStatistics(const char *caller) {
+void MXUserSetupStatistics(const char *caller) {
    int mode = gStatsMode.load(std::memory_order_relaxed);
    switch (mode) {
    case 0:
@@ -127,7 +127,7 @@ void SetupStatistics(const char *caller) {
    }
 }
 
-char *MakeName(const char *name, char prefix, void *address) {
+char *MXUserMakeName(const char *name, char prefix, void *address) {
    if (name != nullptr) {
       return UtilSafeStrdup0(name);
    }
@@ -170,7 +170,7 @@ MXRecLock *ListGuard() {
 
 }  // namespace
 
-void AddToList(Header *header) {
+void MXUserAddToList(Header *header) {
    MutexLock guard(ListGuard());
    ListItem *item = &header->item;
    if (gListHead == nullptr) {
@@ -185,7 +185,7 @@ void AddToList(Header *header) {
    }
 }
 
-void RemoveFromList(Header *header) {
+void MXUserRemoveFromList(Header *header) {
    MutexLock guard(ListGuard());
    ListItem *item = &header->item;
    if (item->next == item) {
@@ -217,23 +217,23 @@ size_t CountListedLocksForTest() {
    return count;
 }
 
-void InitHeader(Header *header, uint32_t kind, char *name, MX_Rank rank, DumpFunc dump) {
-   header->signature = GetSignature(kind);
+void MXUserInitHeader(Header *header, uint32_t kind, char *name, MX_Rank rank, DumpFunc dump) {
+   header->signature = MXUserGetSignature(kind);
    header->name = name;
    header->rank = rank;
-   header->serialNumber = AllocSerialNumber();
+   header->serialNumber = MXUserAllocSerialNumber();
    header->dumpFunc = dump;
    header->statsFunc = nullptr;
 }
 
 // ---- Dumps and the fatal path ----
 
-bool IsCorrupt(const Header *header) {
-   if (header->signature == GetSignature(kKindExcl)) {
-      return header->dumpFunc != DumpExclLock;
+bool MXUserIsCorrupt(const Header *header) {
+   if (header->signature == MXUserGetSignature(kKindExcl)) {
+      return header->dumpFunc != MXUserDumpExclLock;
    }
-   if (header->signature == GetSignature(kKindRec)) {
-      return header->dumpFunc != DumpRecLock;
+   if (header->signature == MXUserGetSignature(kKindRec)) {
+      return header->dumpFunc != MXUserDumpRecLock;
    }
    return true;
 }
@@ -242,7 +242,7 @@ void (*gEndProcessForTest)(const char *message) = nullptr;
 
 namespace {
 
-// Entries into DumpAndPanic; each ends the process, so a count above one
+// Entries into MXUserDumpAndPanic; each ends the process, so a count above one
 // means the fatal path ran into another broken lock.
 std::atomic<int> gDumpAndPanicEntries{0};
 std::atomic<bool> gInPanic{false};
@@ -266,7 +266,7 @@ void DumpCorrupt(const Header *header) {
 
 }  // namespace
 
-void DumpAndPanic(Header *header, const char *format, ...) {
+void MXUserDumpAndPanic(Header *header, const char *format, ...) {
    if (gDumpAndPanicEntries.fetch_add(1, std::memory_order_relaxed) >= kMaxNestedDumps) {
       // Dumping again is what nested; stop writing altogether.
       gInPanic.store(true, std::memory_order_relaxed);
@@ -277,7 +277,7 @@ void DumpAndPanic(Header *header, const char *format, ...) {
       _exit(1);
    }
 
-   if (IsCorrupt(header)) {
+   if (MXUserIsCorrupt(header)) {
       DumpCorrupt(header);
    } else {
       header->dumpFunc(header);

@@ -45,16 +45,16 @@ MXUserCondVar *CreateCondVar(Header *header) {
  */
 bool Wait(Header *header, MXRecLock *lock, MXUserCondVar *condVar, uint32_t msecWait) {
    if (condVar->ownerLock != header) {
-      DumpAndPanic(header, "%s: invalid use of lock %s with condVar (%p; %s)\n",
+      MXUserDumpAndPanic(header, "%s: invalid use of lock %s with condVar (%p; %s)\n",
                    "MXUserWaitCondVar", header->name, static_cast<void *>(condVar),
                    condVar->ownerLock->name);
    }
    if (!lock->IsCurThreadHolding()) {
-      DumpAndPanic(header, "%s: lock %s for condVar (%p) not owned\n", "MXUserWaitCondVar",
+      MXUserDumpAndPanic(header, "%s: lock %s for condVar (%p) not owned\n", "MXUserWaitCondVar",
                    header->name, static_cast<void *>(condVar));
    }
    if (lock->Count() != 1) {
-      DumpAndPanic(header, "%s: lock %s for condVar (%p) held %d times\n",
+      MXUserDumpAndPanic(header, "%s: lock %s for condVar (%p) held %d times\n",
                    "MXUserWaitCondVar", header->name, static_cast<void *>(condVar),
                    lock->Count());
    }
@@ -77,7 +77,7 @@ bool Wait(Header *header, MXRecLock *lock, MXUserCondVar *condVar, uint32_t msec
    // Every outcome of the native wait returns with the mutex held again.
    lock->RetakeAfterWait();
    if (err != 0 && err != ETIMEDOUT) {
-      DumpAndPanic(header, "%s: failure %d on condVar (%p; %s)\n", "MXUserWaitCondVar", err,
+      MXUserDumpAndPanic(header, "%s: failure %d on condVar (%p; %s)\n", "MXUserWaitCondVar", err,
                    static_cast<void *>(condVar), header->name);
    }
    return err == 0;

@@ -10,7 +10,7 @@
 
 namespace halcyx::mxuser {
 
-void DumpExclLock(Header *header) {
+void MXUserDumpExclLock(Header *header) {
    auto *lock = reinterpret_cast<MXUserExclLock *>(header);
    Warning("%s: Exclusive lock @ %p\n", "MXUserDumpExclLock", static_cast<void *>(lock));
    Warning("\tsignature 0x%X\n", header->signature);
@@ -28,13 +28,13 @@ namespace {
 MXUserExclLock *CreateExclLock(const char *name, MX_Rank rank, void *caller) {
    void *memory = UtilSafeCalloc0(1, sizeof(MXUserExclLock));
    auto *lock = new (memory) MXUserExclLock();
-   char *properName = MakeName(name, 'X', caller);
+   char *properName = MXUserMakeName(name, 'X', caller);
    if (!lock->recursiveLock.Init()) {
       Panic("%s: native lock initialization routine failed\n", "MXUser_CreateExclLock");
    }
-   InitHeader(&lock->header, kKindExcl, properName, rank, DumpExclLock);
-   SetupStatistics("MXUser_CreateExclLock");
-   AddToList(&lock->header);
+   MXUserInitHeader(&lock->header, kKindExcl, properName, rank, MXUserDumpExclLock);
+   MXUserSetupStatistics("MXUser_CreateExclLock");
+   MXUserAddToList(&lock->header);
    return lock;
 }
 
@@ -69,11 +69,11 @@ void MXUser_DestroyExclLock(MXUserExclLock *lock) {
       return;
    }
    if (lock->recursiveLock.Count() > 0) {
-      DumpAndPanic(&lock->header, "%s: Destroy of an acquired exclusive lock\n",
+      MXUserDumpAndPanic(&lock->header, "%s: Destroy of an acquired exclusive lock\n",
                    "MXUser_DestroyExclLock");
    }
    lock->recursiveLock.Destroy();
-   RemoveFromList(&lock->header);
+   MXUserRemoveFromList(&lock->header);
    lock->header.signature = 0;
    free(lock->header.name);
    lock->header.name = nullptr;

@@ -126,39 +126,39 @@ struct ExternalLockOps {
 };
 
 // The signature of a live lock of the given kind in this process.
-uint32_t GetSignature(uint32_t kind);
+uint32_t MXUserGetSignature(uint32_t kind);
 
 // The next serial number; fatal when the 64-bit counter wrapped.
-uint64_t AllocSerialNumber();
+uint64_t MXUserAllocSerialNumber();
 
 // Creates the name "<prefix>-<address>" or copies name (never null result).
-char *MakeName(const char *name, char prefix, void *address);
+char *MXUserMakeName(const char *name, char prefix, void *address);
 
 // Fills the common header and links the lock into the list.
-void InitHeader(Header *header, uint32_t kind, char *name, MX_Rank rank,
+void MXUserInitHeader(Header *header, uint32_t kind, char *name, MX_Rank rank,
                 DumpFunc dump);
-void AddToList(Header *header);
-void RemoveFromList(Header *header);
+void MXUserAddToList(Header *header);
+void MXUserRemoveFromList(Header *header);
 
 /*
  * Sets up statistics for a new lock by the process's statistics mode.
  * Mode 0 (the only mode of this build) sets nothing; 1 and 2 would, and any
  * other mode is fatal with "%s: unknown stats mode: %d!\n" naming caller.
  */
-void SetupStatistics(const char *caller);
+void MXUserSetupStatistics(const char *caller);
 
 /*
  * Writes the lock's dump with Warning (raw header fields when the lock is
  * corrupt), then ends the process through Panic with the formatted message.
  */
-[[noreturn]] void DumpAndPanic(Header *header, const char *format, ...)
+[[noreturn]] void MXUserDumpAndPanic(Header *header, const char *format, ...)
    HALCYX_PRINTF(2, 3);
 
 // True when the header does not look like a live lock of either kind.
-bool IsCorrupt(const Header *header);
+bool MXUserIsCorrupt(const Header *header);
 
-void DumpExclLock(Header *header);
-void DumpRecLock(Header *header);
+void MXUserDumpExclLock(Header *header);
+void MXUserDumpRecLock(Header *header);
 
 /*
  * Test seams. Set only by tests, and only while no other lock is created
@@ -168,7 +168,7 @@ void DumpRecLock(Header *header);
 void SetNextSerialNumberForTest(uint64_t next);
 // Sets the statistics mode.
 void SetStatsModeForTest(int mode);
-// Replaces the final Panic of DumpAndPanic; the message is fully formatted.
+// Replaces the final Panic of MXUserDumpAndPanic; the message is fully formatted.
 extern void (*gEndProcessForTest)(const char *message);
 // Number of locks in the list (takes the list guard).
 size_t CountListedLocksForTest();
@@ -202,7 +202,7 @@ namespace halcyx::mxuser {
  * mutex is never used, and destroying it never checks for an acquired
  * state (the external lock's owner answers for it).
  */
-MXUserRecLock *BindExternalRecLock(void *external, const ExternalLockOps *ops,
+MXUserRecLock *MXUserBindExternalRecLock(void *external, const ExternalLockOps *ops,
                                    const char *name, MX_Rank rank);
 
 }  // namespace halcyx::mxuser

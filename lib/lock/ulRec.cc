@@ -11,7 +11,7 @@
 
 namespace halcyx::mxuser {
 
-void DumpRecLock(Header *header) {
+void MXUserDumpRecLock(Header *header) {
    auto *lock = reinterpret_cast<MXUserRecLock *>(header);
    Warning("%s: Recursive lock @ %p\n", "MXUserDumpRecLock", static_cast<void *>(lock));
    Warning("\tsignature 0x%X\n", header->signature);
@@ -34,7 +34,7 @@ MXUserRecLock *AllocRecLock(const char *name, MX_Rank rank, void *caller) {
    void *memory = UtilSafeCalloc0(1, sizeof(MXUserRecLock));
    auto *lock = new (memory) MXUserRecLock();
    lock->refCount.store(1, std::memory_order_relaxed);
-   lock->header.name = MakeName(name, 'R', caller);
+   lock->header.name = MXUserMakeName(name, 'R', caller);
    lock->header.rank = rank;
    return lock;
 }
@@ -45,9 +45,9 @@ MXUserRecLock *CreateRecLock(const char *name, MX_Rank rank, void *caller) {
    if (!lock->recursiveLock.Init()) {
       Panic("%s: native lock initialization routine failed\n", "MXUser_CreateRecLock");
    }
-   InitHeader(&lock->header, kKindRec, lock->header.name, rank, DumpRecLock);
-   SetupStatistics("MXUser_CreateRecLock");
-   AddToList(&lock->header);
+   MXUserInitHeader(&lock->header, kKindRec, lock->header.name, rank, MXUserDumpRecLock);
+   MXUserSetupStatistics("MXUser_CreateRecLock");
+   MXUserAddToList(&lock->header);
    return lock;
 }
 
@@ -57,17 +57,17 @@ MXUserRecLock *CreateRecLock(const char *name, MX_Rank rank, void *caller) {
  * sees the count go from 1 to 0, and after that nobody else holds a
  * reference that could reach the lock.
  */
-void CondDestroyRecLock(MXUserRecLock *lock) {
+void MXUserCondDestroyRecLock(MXUserRecLock *lock) {
    if (lock->refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) {
       return;
    }
    if (lock->vmmLock == nullptr) {
       if (lock->recursiveLock.Count() > 0) {
-         DumpAndPanic(&lock->header, "%s: Destroy of an acquired recursive lock\n",
+         MXUserDumpAndPanic(&lock->header, "%s: Destroy of an acquired recursive lock\n",
                       "MXUserCondDestroyRecLock");
       }
       lock->recursiveLock.Destroy();
-      RemoveFromList(&lock->header);
+      MXUserRemoveFromList(&lock->header);
    }
    lock->header.signature = 0;
    free(lock->header.name);
@@ -77,14 +77,14 @@ void CondDestroyRecLock(MXUserRecLock *lock) {
 
 }  // namespace
 
-MXUserRecLock *BindExternalRecLock(void *external, const ExternalLockOps *ops,
+MXUserRecLock *MXUserBindExternalRecLock(void *external, const ExternalLockOps *ops,
                                    const char *name, MX_Rank rank) {
    MXUserRecLock *lock = AllocRecLock(name, rank, __builtin_return_address(0));
    lock->vmmLock = external;
    lock->vmmOps = ops;
-   lock->header.signature = GetSignature(kKindRec);
-   lock->header.serialNumber = AllocSerialNumber();
-   lock->header.dumpFunc = DumpRecLock;
+   lock->header.signature = MXUserGetSignature(kKindRec);
+   lock->header.serialNumber = MXUserAllocSerialNumber();
+   lock->header.dumpFunc = MXUserDumpRecLock;
    return lock;
 }
 
@@ -136,7 +136,7 @@ void MXUser_IncRefRecLock(MXUserRecLock *lock) {
 
 void MXUser_DecRefRecLock(MXUserRecLock *lock) {
    if (lock != nullptr) {
-      CondDestroyRecLock(lock);
+      MXUserCondDestroyRecLock(lock);
    }
 }
 

@@ -1,6 +1,7 @@
 // User-level locks: names, dumps and the fatal paths (run in child processes).
 #include <gtest/gtest.h>
 
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -40,7 +41,7 @@ std::vector<std::string> WarningLines(std::initializer_list<std::string> lines) 
 // The dump lines of a native-path lock, computed from its public state.
 std::vector<std::string> ExclDump(MXUserExclLock *lock, int count, pthread_t owner) {
    return WarningLines({Fmt("MXUserDumpExclLock: Exclusive lock @ %p\n", (void *)lock),
-                        Fmt("\tsignature 0x%X\n", mx::GetSignature(mx::kKindExcl)),
+                        Fmt("\tsignature 0x%X\n", mx::MXUserGetSignature(mx::kKindExcl)),
                         "\tname fatal-x\n", "\trank 0x42\n",
                         Fmt("\tserial number %llu\n",
                             (unsigned long long)lock->header.serialNumber),
@@ -93,7 +94,7 @@ TEST(LockFatal, OnlyTheLastReferenceOfAnAcquiredRecursiveLockIsFatal) {
       MXUser_DestroyRecLock(lock);  // drops the extra reference only
       std::vector<std::string> lines = WarningLines(
          {Fmt("MXUserDumpRecLock: Recursive lock @ %p\n", (void *)lock),
-          Fmt("\tsignature 0x%X\n", mx::GetSignature(mx::kKindRec)), "\tname fatal-r\n",
+          Fmt("\tsignature 0x%X\n", mx::MXUserGetSignature(mx::kKindRec)), "\tname fatal-r\n",
           "\trank 0x7\n",
           Fmt("\tserial number %llu\n", (unsigned long long)lock->header.serialNumber),
           "\treference count 0\n", "\tlock count 1\n",
@@ -131,19 +132,19 @@ TEST(LockFatal, BoundExternalLockDumpsItsAddressAndIsNeverCheckedOnDestroy) {
       [](void *) {}, [](void *) { return true; }, [](void *) {}, [](void *) { return true; }};
    static int external;
    auto [log, expected] = FatalRun([] {
-      MXUserRecLock *bound = mx::BindExternalRecLock(&external, &ops, "bound", 3);
+      MXUserRecLock *bound = mx::MXUserBindExternalRecLock(&external, &ops, "bound", 3);
       MXUser_AcquireRecLock(bound);
       MXUser_DestroyRecLock(bound);  // the external lock answers for its state
-      MXUserRecLock *lock = mx::BindExternalRecLock(&external, &ops, "bound", 3);
+      MXUserRecLock *lock = mx::MXUserBindExternalRecLock(&external, &ops, "bound", 3);
       std::vector<std::string> lines = WarningLines(
          {Fmt("MXUserDumpRecLock: Recursive lock @ %p\n", (void *)lock),
-          Fmt("\tsignature 0x%X\n", mx::GetSignature(mx::kKindRec)), "\tname bound\n",
+          Fmt("\tsignature 0x%X\n", mx::MXUserGetSignature(mx::kKindRec)), "\tname bound\n",
           "\trank 0x3\n",
           Fmt("\tserial number %llu\n", (unsigned long long)lock->header.serialNumber),
           "\treference count 1\n", Fmt("\tvmmLock %p\n", (void *)&external)});
       lines.push_back("Panic: t: end\n");
       Expect(lines);
-      mx::DumpAndPanic(&lock->header, "%s: end\n", "t");
+      mx::MXUserDumpAndPanic(&lock->header, "%s: end\n", "t");
    });
    EXPECT_EQ(log, expected);
 }
@@ -157,7 +158,7 @@ TEST(LockFatal, SixthNestedDumpCallsThePanicHookInsteadOfDumping) {
          MXUser_AcquireExclLock(gNested);
          // The fatal path runs into the same broken lock again each time.
          mx::gEndProcessForTest = [](const char *) {
-            mx::DumpAndPanic(&gNested->header, "again\n");
+            mx::MXUserDumpAndPanic(&gNested->header, "again\n");
          };
          MXUser_InstallPanicHook(hook);
          MXUser_DestroyExclLock(gNested);
@@ -276,8 +277,8 @@ TEST(LockList, ReferencesKeepARecursiveLockListedAndUsable) {
 }
 
 TEST(LockSignature, KindInTopBitsSharedBaseBelow) {
-   uint32_t x = mx::GetSignature(mx::kKindExcl);
-   uint32_t r = mx::GetSignature(mx::kKindRec);
+   uint32_t x = mx::MXUserGetSignature(mx::kKindExcl);
+   uint32_t r = mx::MXUserGetSignature(mx::kKindRec);
    EXPECT_EQ(x >> 28, 4u);
    EXPECT_EQ(r >> 28, 2u);
    EXPECT_EQ(x & 0x0FFFFFFFu, r & 0x0FFFFFFFu);
