@@ -81,6 +81,41 @@ public:
    static constexpr pthread_t kNoOwner = static_cast<pthread_t>(-1);
 };
 
+// Inline: these are the whole cost of an uncontended acquire and release.
+inline void MXRecLock::Acquire() HALCYX_NO_TSA {
+   if (IsCurThreadHolding()) {
+      count_.store(count_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+      return;
+   }
+   pthread_mutex_lock(&mutex_);
+   // The count is 0 here: whoever held the mutex released it fully.
+   count_.store(1, std::memory_order_relaxed);
+   owner_.store(pthread_self(), std::memory_order_relaxed);
+}
+
+inline bool MXRecLock::TryAcquire() HALCYX_NO_TSA {
+   if (IsCurThreadHolding()) {
+      count_.store(count_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+      return true;
+   }
+   if (pthread_mutex_trylock(&mutex_) != 0) {
+      return false;
+   }
+   count_.store(1, std::memory_order_relaxed);
+   owner_.store(pthread_self(), std::memory_order_relaxed);
+   return true;
+}
+
+inline void MXRecLock::Release() HALCYX_NO_TSA {
+   int count = count_.load(std::memory_order_relaxed) - 1;
+   count_.store(count, std::memory_order_relaxed);
+   if (count == 0) {
+      // Forget the owner before the mutex can pass to another thread.
+      owner_.store(kNoOwner, std::memory_order_relaxed);
+      pthread_mutex_unlock(&mutex_);
+   }
+}
+
 // Holds an MXRecLock for its own lifetime.
 class HALCYX_SCOPED_CAPABILITY MutexLock {
 public:
