@@ -7,6 +7,13 @@
  * while the entry is unpublished (and by removal, which callers serialise),
  * so chain walks read it without atomics. Non-atomic tables use plain
  * accesses throughout.
+ *
+ * Entries of a non-atomic table come from slabs that the table owns:
+ * removal keeps a removed entry for reuse, and clearing releases whole
+ * slabs, so neither insertion nor freeing pays one heap call per key.
+ * Atomic tables, whose entries are made by racing threads, allocate each
+ * entry on its own. Every entry keeps its key's full hash, so a chain walk
+ * compares string keys only when their hashes match.
  */
 #include "hashTable.h"
 
@@ -21,11 +28,25 @@
 #include "log.h"
 #include "util.h"
 
+// The lookup path is inlined whole into each public entry point.
+#define HT_INLINE inline __attribute__((always_inline))
+
 struct HashTableEntry {
    HashTableEntry *next;
    const void *key;
    void *value;
+   uint32_t hash;
 };
+
+// A block of entries for a non-atomic table; the entries follow the header.
+struct HashTableSlab {
+   HashTableSlab *next;
+   uint32_t capacity;
+   uint32_t used;
+
+   HashTableEntry *Entries() { return reinterpret_cast<HashTableEntry *>(this + 1); }
+};
+static_assert(sizeof(HashTableSlab) % alignof(HashTableEntry) == 0);
 
 struct HashTable {
    uint32_t numEntries;
@@ -36,12 +57,14 @@ struct HashTable {
    HashTableFreeEntryFn freeEntryFn;
    HashTableEntry **buckets;
    alignas(std::atomic_ref<uint64_t>::required_alignment) uint64_t numElements;
+   HashTableSlab *slabs;         // newest first; non-atomic tables only
+   HashTableEntry *freeEntries;  // removed entries kept for reuse
 };
 
 namespace {
 
 template <typename T>
-T Load(const T &slot, bool atomic) {
+HT_INLINE T Load(const T &slot, bool atomic) {
    return atomic ? std::atomic_ref<T>(const_cast<T &>(slot)).load(std::memory_order_acquire)
                  : slot;
 }
@@ -57,7 +80,10 @@ void Store(T &slot, T value, bool atomic) {
 
 constexpr uint32_t RotateLeft5(uint32_t h) { return (h << 5) | (h >> 27); }
 
+// Key policies. kHashFirst: comparing stored hashes is cheaper than
+// comparing the keys themselves.
 struct StringKey {
+   static constexpr bool kHashFirst = true;
    static uint32_t Hash(const void *key) {
       uint32_t h = 0;
       for (auto *s = static_cast<const unsigned char *>(key); *s != '\0'; s++) {
@@ -71,6 +97,7 @@ struct StringKey {
 };
 
 struct IStringKey {
+   static constexpr bool kHashFirst = true;
    static uint32_t Hash(const void *key) {
       uint32_t h = 0;
       for (auto *s = static_cast<const unsigned char *>(key); *s != '\0'; s++) {
@@ -84,6 +111,7 @@ struct IStringKey {
 };
 
 struct IntKey {
+   static constexpr bool kHashFirst = false;
    static uint32_t Hash(const void *key) {
       auto k = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key));
       return static_cast<uint32_t>(((k >> 32) ^ k) * 48271u);
@@ -106,41 +134,78 @@ decltype(auto) WithKeyType(const HashTable *ht, F &&f) {
    }
 }
 
-// Folds a hash to a bucket index by xoring its numBits-wide pieces.
-uint32_t Fold(uint32_t h, uint32_t numBits) {
+// Folds a hash to a bucket index. Repeating h = (h >> numBits) ^ (h & mask)
+// while h > mask xors every numBits-wide piece of h into the low piece, and
+// pieces above the highest non-zero one contribute nothing, so the index is
+// the xor of all pieces. Xor-shifting by numBits, 2 numBits, 4 numBits ...
+// gathers them in a number of steps fixed per table, without the repeated
+// form's data-dependent exit.
+HT_INLINE uint32_t Fold(uint32_t h, uint32_t numBits) {
    if (numBits == 0) {
-      return 0;  // a single bucket; the loop below would never end
+      return 0;  // a single bucket; the repeated form would never end
    }
-   uint32_t mask = (1u << numBits) - 1;
-   while (h > mask) {
-      h = (h >> numBits) ^ (h & mask);
+   for (uint32_t shift = numBits; shift < 32; shift *= 2) {
+      h ^= h >> shift;
    }
-   return h;
+   return h & ((1u << numBits) - 1);
+}
+
+HT_INLINE HashTableEntry *&Bucket(const HashTable *ht, uint32_t hash) {
+   return ht->buckets[Fold(hash, ht->numBits)];
 }
 
 template <typename K>
-HashTableEntry *&Bucket(const HashTable *ht, const void *key) {
-   return ht->buckets[Fold(K::Hash(key), ht->numBits)];
-}
-
-template <typename K>
-HashTableEntry *FindInChain(HashTableEntry *e, const void *key) {
-   while (e != nullptr && !K::Equal(e->key, key)) {
+HT_INLINE HashTableEntry *FindInChain(HashTableEntry *e, const void *key, uint32_t hash) {
+   while (e != nullptr && !((!K::kHashFirst || e->hash == hash) && K::Equal(e->key, key))) {
       e = e->next;
    }
    return e;
 }
 
 template <typename K>
-HashTableEntry *Find(const HashTable *ht, const void *key) {
-   return FindInChain<K>(Load(Bucket<K>(ht, key), ht->atomic), key);
+HT_INLINE HashTableEntry *Find(const HashTable *ht, const void *key) {
+   uint32_t hash = K::Hash(key);
+   return FindInChain<K>(Load(Bucket(ht, hash), ht->atomic), key, hash);
 }
 
-void FreeEntry(const HashTable *ht, HashTableEntry *e) {
+constexpr uint32_t kFirstSlab = 8;
+constexpr uint32_t kLargestSlab = 1024;
+
+HashTableEntry *NewEntry(HashTable *ht) {
+   if (ht->atomic) {
+      return static_cast<HashTableEntry *>(UtilSafeMalloc0(sizeof(HashTableEntry)));
+   }
+   if (ht->freeEntries != nullptr) {
+      HashTableEntry *e = ht->freeEntries;
+      ht->freeEntries = e->next;
+      return e;
+   }
+   HashTableSlab *slab = ht->slabs;
+   if (slab == nullptr || slab->used == slab->capacity) {
+      uint32_t capacity = slab == nullptr                 ? kFirstSlab
+                          : slab->capacity < kLargestSlab ? slab->capacity * 2
+                                                          : kLargestSlab;
+      auto *fresh = static_cast<HashTableSlab *>(
+         UtilSafeMalloc0(sizeof(HashTableSlab) + capacity * sizeof(HashTableEntry)));
+      fresh->next = slab;
+      fresh->capacity = capacity;
+      fresh->used = 0;
+      ht->slabs = slab = fresh;
+   }
+   return &slab->Entries()[slab->used++];
+}
+
+// Frees the entry's copied key and gives the entry back.
+void ReleaseEntry(HashTable *ht, HashTableEntry *e) {
    if (ht->copyKey) {
       free(const_cast<void *>(e->key));
    }
-   free(e);
+   if (ht->atomic) {
+      free(e);
+   } else {
+      e->next = ht->freeEntries;
+      ht->freeEntries = e;
+   }
 }
 
 void DropValue(const HashTable *ht, void *value) {
@@ -154,21 +219,23 @@ void DropValue(const HashTable *ht, void *value) {
 // head rescans the chain, since the winner may have inserted the same key.
 template <typename K>
 HashTableEntry *LookupOrInsertEntry(HashTable *ht, const void *key, void *value) {
-   HashTableEntry *&slot = Bucket<K>(ht, key);
+   uint32_t hash = K::Hash(key);
+   HashTableEntry *&slot = Bucket(ht, hash);
    HashTableEntry *head = Load(slot, ht->atomic);
    HashTableEntry *prepared = nullptr;
    for (;;) {
-      HashTableEntry *found = FindInChain<K>(head, key);
+      HashTableEntry *found = FindInChain<K>(head, key, hash);
       if (found != nullptr) {
          if (prepared != nullptr) {
-            FreeEntry(ht, prepared);
+            ReleaseEntry(ht, prepared);
          }
          return found;
       }
       if (prepared == nullptr) {
-         prepared = static_cast<HashTableEntry *>(UtilSafeMalloc0(sizeof *prepared));
+         prepared = NewEntry(ht);
          prepared->key = ht->copyKey ? UtilSafeStrdup0(static_cast<const char *>(key)) : key;
          prepared->value = value;
+         prepared->hash = hash;
       }
       prepared->next = head;
       if (!ht->atomic) {
@@ -194,10 +261,11 @@ HashTableEntry *LookupOrInsert(HashTable *ht, const void *key, void *value) {
 // freeEntryFn. Never lock-free: callers serialise removal.
 template <typename K>
 bool Remove(HashTable *ht, const void *key, void **value) {
-   HashTableEntry *&slot = Bucket<K>(ht, key);
+   uint32_t hash = K::Hash(key);
+   HashTableEntry *&slot = Bucket(ht, hash);
    HashTableEntry *prev = nullptr;
    for (HashTableEntry *e = slot; e != nullptr; prev = e, e = e->next) {
-      if (!K::Equal(e->key, key)) {
+      if ((K::kHashFirst && e->hash != hash) || !K::Equal(e->key, key)) {
          continue;
       }
       if (prev == nullptr) {
@@ -207,7 +275,7 @@ bool Remove(HashTable *ht, const void *key, void **value) {
       }
       ht->numElements--;
       void *old = e->value;
-      FreeEntry(ht, e);
+      ReleaseEntry(ht, e);
       if (value != nullptr) {
          *value = old;
       } else {
@@ -264,6 +332,8 @@ HashTable *HashTableCreate(uint32_t numEntries, int flags,
    ht->buckets = static_cast<HashTableEntry **>(
       UtilSafeCalloc0(numEntries, sizeof(HashTableEntry *)));
    ht->numElements = 0;
+   ht->slabs = nullptr;
+   ht->freeEntries = nullptr;
    return ht;
 }
 
@@ -293,17 +363,32 @@ HashTable *HashTable_AllocOnce(HashTable **var, uint32_t numEntries, int flags,
 }
 
 void HashTable_Clear(HashTable *ht) {
-   for (uint32_t i = 0; i < ht->numEntries; i++) {
-      HashTableEntry *e = ht->buckets[i];
-      ht->buckets[i] = nullptr;
-      while (e != nullptr) {
-         HashTableEntry *next = e->next;
-         void *value = e->value;
-         FreeEntry(ht, e);
-         DropValue(ht, value);
-         e = next;
+   if (ht->freeEntryFn == nullptr && !ht->copyKey && !ht->atomic) {
+      // Nothing to hand back per entry: the slabs go as a whole below.
+      memset(ht->buckets, 0, ht->numEntries * sizeof(HashTableEntry *));
+   } else {
+      for (uint32_t i = 0; i < ht->numEntries; i++) {
+         HashTableEntry *e = ht->buckets[i];
+         ht->buckets[i] = nullptr;
+         while (e != nullptr) {
+            HashTableEntry *next = e->next;
+            if (ht->copyKey) {
+               free(const_cast<void *>(e->key));
+            }
+            DropValue(ht, e->value);
+            if (ht->atomic) {
+               free(e);
+            }
+            e = next;
+         }
       }
    }
+   while (ht->slabs != nullptr) {
+      HashTableSlab *next = ht->slabs->next;
+      free(ht->slabs);
+      ht->slabs = next;
+   }
+   ht->freeEntries = nullptr;
    ht->numElements = 0;
 }
 

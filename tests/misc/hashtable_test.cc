@@ -82,6 +82,35 @@ TEST(HashTablePlacement, IntegerKeysFoldTheirHighHalf) {
    HashTable_Free(ht);
 }
 
+TEST(HashTablePlacement, WideTablesFoldEveryPiece) {
+   const char *words[] = {"alpha", "beta", "gamma", "delta", "epsilon", "zeta"};
+   const uintptr_t numbers[] = {0xdeadbeefcafe, 12345, 0x7f3a12400030};
+   HashTable *s10 = HashTable_Alloc(1024, HASH_STRING_KEY, nullptr);
+   HashTable *s17 = HashTable_Alloc(131072, HASH_STRING_KEY, nullptr);
+   HashTable *i10 = HashTable_Alloc(1024, HASH_INT_KEY, nullptr);
+   HashTable *i17 = HashTable_Alloc(131072, HASH_INT_KEY, nullptr);
+   for (const char *w : words) {
+      ASSERT_TRUE(HashTable_Insert(s10, w, nullptr));
+      ASSERT_TRUE(HashTable_Insert(s17, w, nullptr));
+   }
+   for (uintptr_t n : numbers) {
+      ASSERT_TRUE(HashTable_Insert(i10, IntKey(n), nullptr));
+      ASSERT_TRUE(HashTable_Insert(i17, IntKey(n), nullptr));
+   }
+   // Buckets 142, 150, 273, 306, 367, 519 of 1024.
+   EXPECT_EQ(StringKeys(s10), (std::vector<std::string>{"zeta", "beta", "epsilon", "delta",
+                                                        "gamma", "alpha"}));
+   // Buckets 89139, 89897, 90089, 113427, 115367, 118364 of 131072.
+   EXPECT_EQ(StringKeys(s17), (std::vector<std::string>{"gamma", "beta", "zeta", "delta",
+                                                        "epsilon", "alpha"}));
+   // Buckets 221, 754, 937 and 2367, 55829, 86881.
+   EXPECT_EQ(IntKeys(i10), (std::vector<uintptr_t>{12345, 0x7f3a12400030, 0xdeadbeefcafe}));
+   EXPECT_EQ(IntKeys(i17), (std::vector<uintptr_t>{0x7f3a12400030, 12345, 0xdeadbeefcafe}));
+   for (HashTable *ht : {s10, s17, i10, i17}) {
+      HashTable_Free(ht);
+   }
+}
+
 TEST(HashTablePlacement, CaseInsensitiveKeysHashLowerCased) {
    HashTable *ht = HashTable_Alloc(8, HASH_ISTRING_KEY, nullptr);
    for (const char *k : {"Hello", "hello2", "WORLD"}) {
@@ -285,6 +314,38 @@ TEST_P(HashTableValues, ArraysAndForEachFollowWalkOrder) {
    };
    EXPECT_EQ(HashTable_ForEach(ht_, countAll, &count), 0);
    EXPECT_EQ(count, 4);
+}
+
+// Tables without freeEntryFn clear in bulk, and removed entries are reused;
+// neither may lose or mix up an entry.
+TEST_P(HashTableValues, ManyKeysSurviveRemovalReuseAndClearing) {
+   HashTable *ht = HashTable_Alloc(64, HASH_INT_KEY | GetParam(), nullptr);
+   constexpr uintptr_t kKeys = 3000;
+   for (int round = 0; round < 2; round++) {
+      for (uintptr_t k = 1; k <= kKeys; k++) {
+         ASSERT_TRUE(HashTable_Insert(ht, IntKey(k), V(k * 2)));
+      }
+      for (uintptr_t k = 1; k <= kKeys; k += 2) {
+         ASSERT_TRUE(HashTable_Delete(ht, IntKey(k)));
+      }
+      for (uintptr_t k = 1; k <= kKeys; k += 4) {
+         ASSERT_TRUE(HashTable_Insert(ht, IntKey(k), V(k * 3)));
+      }
+      ASSERT_EQ(HashTable_GetNumElements(ht), kKeys / 2 + kKeys / 4);
+      for (uintptr_t k = 1; k <= kKeys; k++) {
+         void *v = nullptr;
+         bool present = k % 2 == 0 || k % 4 == 1;
+         ASSERT_EQ(HashTable_Lookup(ht, IntKey(k), &v), present) << k;
+         if (present) {
+            ASSERT_EQ(v, V(k % 2 == 0 ? k * 2 : k * 3)) << k;
+         }
+      }
+      HashTable_Clear(ht);
+      ASSERT_EQ(HashTable_GetNumElements(ht), 0u);
+      ASSERT_FALSE(HashTable_Lookup(ht, IntKey(2), nullptr));
+   }
+   HashTable_Free(ht);
+   EXPECT_TRUE(gDropped.empty());
 }
 
 TEST(HashTableLifetime, AllocOnceReturnsTheInstalledTable) {
