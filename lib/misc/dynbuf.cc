@@ -131,16 +131,7 @@ bool DynBuf_Insert(DynBuf *b, uint64_t offset, const void *bytes, uint64_t lengt
    return true;
 }
 
-bool DynBuf_Append(DynBuf *b, const void *bytes, uint64_t length) {
-   // The common case, a piece that fits, skips the tail move of Insert.
-   uint64_t newSize = b->size + length;
-   if (newSize <= b->allocated && newSize >= length) {
-      if (length != 0) {
-         memcpy(b->data + b->size, bytes, length);
-         b->size = newSize;
-      }
-      return true;
-   }
+bool (DynBuf_Append)(DynBuf *b, const void *bytes, uint64_t length) {
    return DynBuf_Insert(b, b->size, bytes, length);
 }
 

@@ -28,6 +28,8 @@
 #ifndef HALCYX_DYNBUF_H
 #define HALCYX_DYNBUF_H
 
+#include <string.h>
+
 #include "halcyx_base.h"
 
 HALCYX_EXTERN_C_BEGIN
@@ -81,7 +83,10 @@ bool DynBuf_Enlarge(DynBuf *b, uint64_t minSize);
  */
 bool DynBuf_Insert(DynBuf *b, uint64_t offset, const void *bytes, uint64_t length);
 
-/* DynBuf_Insert at offset size. */
+/*
+ * DynBuf_Insert at offset size. Callers get an inline form that copies a
+ * piece which fits without a call; (DynBuf_Append) names the function.
+ */
 bool DynBuf_Append(DynBuf *b, const void *bytes, uint64_t length);
 
 /*
@@ -121,6 +126,18 @@ static inline uint64_t DynBuf_GetAllocatedSize(const DynBuf *b) { return b->allo
 
 /* Sets the number of bytes in use; size must not exceed the capacity. */
 static inline void DynBuf_SetSize(DynBuf *b, uint64_t size) { b->size = size; }
+
+static inline bool DynBufAppendInline(DynBuf *b, const void *bytes, uint64_t length) {
+   uint64_t newSize = b->size + length;
+   /* A non-empty piece that fits without wrapping: data is a real block. */
+   if (length != 0 && newSize >= length && newSize <= b->allocated) {
+      memcpy(b->data + b->size, bytes, length);
+      b->size = newSize;
+      return true;
+   }
+   return (DynBuf_Append)(b, bytes, length);
+}
+#define DynBuf_Append(b, bytes, length) DynBufAppendInline((b), (bytes), (length))
 
 HALCYX_EXTERN_C_END
 
