@@ -12,8 +12,9 @@
 //   64-bit values; "Ptr" keys are pointer-like values 48 bytes apart, which
 //   the identity hash modulo a prime spreads without a single collision.
 // Insertion runs create, insert N keys and destroy per iteration for both.
-// Lookups run over the keys in a shuffled order; misses use keys that are
-// not present.
+// Lookups run over the keys in a shuffled order, with string keys that are
+// equal to the stored ones but not the same pointers; misses use keys that
+// are not present.
 //
 // Names pair as BM_<Group>/baseline and BM_<Group>/halcyx.
 #include <benchmark/benchmark.h>
@@ -42,12 +43,14 @@ void *ValueOf(size_t i) { return reinterpret_cast<void *>(i + 1); }
 
 struct StringKeys {
    std::vector<std::string> present;
+   std::vector<std::string> hits;  // equal to present, in other memory
    std::vector<std::string> absent;
    std::vector<size_t> order;  // a shuffled permutation of 0..N-1
 
    explicit StringKeys(size_t n) {
       for (size_t i = 0; i < n; i++) {
          present.push_back("key-" + std::to_string(i * 7919));
+         hits.push_back(present.back());
          absent.push_back("nokey-" + std::to_string(i * 7919));
          order.push_back(i);
       }
@@ -58,6 +61,7 @@ struct StringKeys {
 struct IntKeys {
    std::vector<uintptr_t> present;
    std::vector<uintptr_t> absent;
+   const std::vector<uintptr_t> &hits = present;
    std::vector<size_t> order;
 
    explicit IntKeys(size_t n) {
@@ -133,7 +137,7 @@ void LookupBaseline(benchmark::State &state, size_t n, bool hit) {
    for (size_t i = 0; i < n; i++) {
       map.emplace(AsMapKey(keys.present[i]), ValueOf(i));
    }
-   const auto &probe = hit ? keys.present : keys.absent;
+   const auto &probe = hit ? keys.hits : keys.absent;
    for (auto _ : state) {
       size_t found = 0;
       for (size_t i : keys.order) {
@@ -152,7 +156,7 @@ void LookupHalcyx(benchmark::State &state, size_t n, bool hit) {
    for (size_t i = 0; i < n; i++) {
       HashTable_Insert(ht, AsKey(keys.present[i]), ValueOf(i));
    }
-   const auto &probe = hit ? keys.present : keys.absent;
+   const auto &probe = hit ? keys.hits : keys.absent;
    for (auto _ : state) {
       size_t found = 0;
       for (size_t i : keys.order) {

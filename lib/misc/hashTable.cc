@@ -57,6 +57,7 @@ struct HashTable {
    HashTableFreeEntryFn freeEntryFn;
    HashTableEntry **buckets;
    alignas(std::atomic_ref<uint64_t>::required_alignment) uint64_t numElements;
+   uint32_t mask;                // numEntries - 1
    HashTableSlab *slabs;         // newest first; non-atomic tables only
    HashTableEntry *freeEntries;  // removed entries kept for reuse
 };
@@ -140,18 +141,18 @@ decltype(auto) WithKeyType(const HashTable *ht, F &&f) {
 // the xor of all pieces. Xor-shifting by numBits, 2 numBits, 4 numBits ...
 // gathers them in a number of steps fixed per table, without the repeated
 // form's data-dependent exit.
-HT_INLINE uint32_t Fold(uint32_t h, uint32_t numBits) {
+HT_INLINE uint32_t Fold(uint32_t h, uint32_t numBits, uint32_t mask) {
    if (numBits == 0) {
       return 0;  // a single bucket; the repeated form would never end
    }
    for (uint32_t shift = numBits; shift < 32; shift *= 2) {
       h ^= h >> shift;
    }
-   return h & ((1u << numBits) - 1);
+   return h & mask;
 }
 
 HT_INLINE HashTableEntry *&Bucket(const HashTable *ht, uint32_t hash) {
-   return ht->buckets[Fold(hash, ht->numBits)];
+   return ht->buckets[Fold(hash, ht->numBits, ht->mask)];
 }
 
 template <typename K>
@@ -324,6 +325,7 @@ HashTable *HashTableCreate(uint32_t numEntries, int flags,
    auto *ht = static_cast<HashTable *>(UtilSafeMalloc0(sizeof(HashTable)));
    ht->numEntries = numEntries;
    ht->numBits = static_cast<uint32_t>(std::countr_zero(numEntries));
+   ht->mask = numEntries - 1;
    ht->keyType = static_cast<uint32_t>(flags) & HASH_KEY_TYPE_MASK;
    ht->atomic = (flags & HASH_FLAG_ATOMIC) != 0;
    // Integer keys are not strings: there is nothing to copy.

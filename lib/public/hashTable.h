@@ -9,6 +9,8 @@
  *
  * Whenever the table drops a value (replacement, deletion, clearing,
  * freeing) it passes the value to the table's freeEntryFn, if there is one.
+ * A non-atomic table keeps the memory of removed entries for its next
+ * insertions and returns it on HashTable_Clear and HashTable_Free.
  *
  * Placement and order are fixed: a key's bucket is its hash folded to the
  * bucket count, a new entry stands at the head of its bucket's chain, and
