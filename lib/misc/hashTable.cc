@@ -38,15 +38,25 @@ struct HashTableEntry {
    uint32_t hash;
 };
 
-// A block of entries for a non-atomic table; the entries follow the header.
+// A block of entries for a non-atomic table. The entries follow the header,
+// aligned to their size, so that no entry straddles two cache lines.
 struct HashTableSlab {
+   static constexpr uintptr_t kEntryAlign = 32;
+
    HashTableSlab *next;
    uint32_t capacity;
    uint32_t used;
 
-   HashTableEntry *Entries() { return reinterpret_cast<HashTableEntry *>(this + 1); }
+   static size_t BytesFor(uint32_t capacity) {
+      return sizeof(HashTableSlab) + kEntryAlign + capacity * sizeof(HashTableEntry);
+   }
+   HashTableEntry *Entries() {
+      auto start = reinterpret_cast<uintptr_t>(this + 1);
+      start = (start + kEntryAlign - 1) & ~(kEntryAlign - 1);
+      return reinterpret_cast<HashTableEntry *>(start);
+   }
 };
-static_assert(sizeof(HashTableSlab) % alignof(HashTableEntry) == 0);
+static_assert(sizeof(HashTableEntry) == HashTableSlab::kEntryAlign);
 
 struct HashTable {
    uint32_t numEntries;
@@ -186,8 +196,8 @@ HashTableEntry *NewEntry(HashTable *ht) {
       uint32_t capacity = slab == nullptr                 ? kFirstSlab
                           : slab->capacity < kLargestSlab ? slab->capacity * 2
                                                           : kLargestSlab;
-      auto *fresh = static_cast<HashTableSlab *>(
-         UtilSafeMalloc0(sizeof(HashTableSlab) + capacity * sizeof(HashTableEntry)));
+      auto *fresh =
+         static_cast<HashTableSlab *>(UtilSafeMalloc0(HashTableSlab::BytesFor(capacity)));
       fresh->next = slab;
       fresh->capacity = capacity;
       fresh->used = 0;
