@@ -6,9 +6,11 @@
 // each race is repeated on fresh tables.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <latch>
 #include <string>
 #include <thread>
@@ -108,6 +110,9 @@ std::atomic<int> gDrops[kCounters][kThreads * kIncrements + 1];
 void CountDrop(void *value) { gDrops[N(value) >> 16][N(value) & 0xffff].fetch_add(1); }
 
 TEST(AtomicHashTableRace, ReplaceIfEqualLosesNoUpdateAndDropsEachValueOnce) {
+   for (auto &counts : gDrops) {
+      std::fill(std::begin(counts), std::end(counts), 0);
+   }
    HashTable *ht = HashTable_Alloc(4, HASH_INT_KEY | HASH_FLAG_ATOMIC, CountDrop);
    for (uintptr_t k = 0; k < kCounters; k++) {
       ASSERT_TRUE(HashTable_Insert(ht, K(k), V(k << 16)));
