@@ -406,7 +406,9 @@ TEST(IllFormedUtf8, StrictStopsAtTheSequenceLenientReplacesMaximalParts) {
       EXPECT_EQ(lenient16.result, conversionOK);
       EXPECT_EQ(lenient16.out, U16(expected.begin(), expected.end()));
 
-      EXPECT_FALSE(isLegalUTF8Sequence(c.bytes.data(), c.bytes.data() + c.bytes.size()));
+      // The first character decides: legal exactly when it is not replaced.
+      EXPECT_EQ(isLegalUTF8Sequence(c.bytes.data(), c.bytes.data() + c.bytes.size()),
+                c.lenient[0] != kFFFD);
    }
 }
 
@@ -437,7 +439,13 @@ TEST(IllFormedUtf8, AgreesWithTheBitPatternDefinitionOnEveryShortString) {
    auto check = [&](const UTF8 *b, size_t n) {
       UTF32 expected = 0;
       bool ok = BitPatternDecode(b, n, &expected);
-      if (isLegalUTF8Sequence(b, b + n) != ok) {
+      // UTF-8 is prefix-free: at most one prefix is a whole character.
+      bool firstIsLegal = false;
+      for (size_t k = 1; k <= n && !firstIsLegal; k++) {
+         UTF32 ignored;
+         firstIsLegal = BitPatternDecode(b, k, &ignored);
+      }
+      if (isLegalUTF8Sequence(b, b + n) != firstIsLegal) {
          ADD_FAILURE() << "isLegalUTF8Sequence disagrees, length " << n << " first bytes "
                        << std::hex << int(b[0]) << " " << int(b[n > 1 ? 1 : 0]);
          return false;
@@ -483,14 +491,14 @@ TEST(IllFormedUtf8, AgreesWithTheBitPatternDefinitionOnEveryShortString) {
    EXPECT_EQ(legal[3], 61440u);
 }
 
-TEST(IsLegalUtf8Sequence, ExactlyOneWholeSequence) {
+TEST(IsLegalUtf8Sequence, JudgesOnlyTheFirstSequence) {
    const UTF8 text[] = {0x41, 0x42, 0xC3, 0xA9, 0xE2, 0x82, 0xAC};
    EXPECT_FALSE(isLegalUTF8Sequence(text, text));           // empty
    EXPECT_TRUE(isLegalUTF8Sequence(text, text + 1));        // "A"
-   EXPECT_FALSE(isLegalUTF8Sequence(text, text + 2));       // "AB": two
+   EXPECT_TRUE(isLegalUTF8Sequence(text, text + 2));        // "A", then "B"
    EXPECT_TRUE(isLegalUTF8Sequence(text + 2, text + 4));    // é
    EXPECT_FALSE(isLegalUTF8Sequence(text + 2, text + 3));   // é cut
-   EXPECT_FALSE(isLegalUTF8Sequence(text + 2, text + 5));   // é and a lead
+   EXPECT_TRUE(isLegalUTF8Sequence(text + 2, text + 5));    // é, then a cut lead
    EXPECT_FALSE(isLegalUTF8Sequence(text + 3, text + 4));   // continuation only
    EXPECT_TRUE(isLegalUTF8Sequence(text + 4, text + 7));    // €
    EXPECT_FALSE(isLegalUTF8Sequence(text + 4, text + 6));   // € cut
