@@ -839,8 +839,10 @@ struct Scratch {
          freedtoa(digits);
          digits = nullptr;
       }
-      free(wide);
-      wide = nullptr;
+      if (wide != nullptr) {
+         free(wide);
+         wide = nullptr;
+      }
    }
 };
 

@@ -2,14 +2,12 @@
 // library's printf, the allocating sink, positional arguments and failures.
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <clocale>
 #include <climits>
 #include <cmath>
 #include <csignal>
 #include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
