@@ -1,4 +1,5 @@
-# halcyx_add_test(NAME SOURCES src... [LIBS lib...] [LABELS label])
+# halcyx_add_test(NAME SOURCES src... [LIBS lib...] [LABELS label]
+#                  [DEFINITIONS def...] [DEPENDS target...])
 #
 # One GoogleTest executable, each of its tests registered with CTest under
 # one label: "unit" (the default), "concurrency" (also built and run under
@@ -16,7 +17,7 @@ set(HALCYX_TEST_ENV
     "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1")
 
 function(halcyx_add_test name)
-  cmake_parse_arguments(T "" "LABELS" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "" "LABELS" "SOURCES;LIBS;DEFINITIONS;DEPENDS" ${ARGN})
   set(T_LABEL ${T_LABELS})
   if(NOT T_LABEL)
     set(T_LABEL unit)
@@ -26,6 +27,10 @@ function(halcyx_add_test name)
   endif()
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE halcyx_test_support halcyx GTest::gtest_main ${T_LIBS})
+  target_compile_definitions(${name} PRIVATE ${T_DEFINITIONS})
+  if(T_DEPENDS)
+    add_dependencies(${name} ${T_DEPENDS})
+  endif()
   gtest_discover_tests(${name}
     DISCOVERY_TIMEOUT 120
     PROPERTIES LABELS ${T_LABEL} TIMEOUT 300)
