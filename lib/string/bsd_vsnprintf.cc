@@ -64,107 +64,117 @@ constexpr int kStaticArgTableSize = 8;
 
 /*
  * Output sink: the caller's buffer (capacity = its size) or an allocation of
- * the engine's. In the caller's form used never exceeds capacity - 1, so
- * the terminator always fits; bytes beyond that are dropped but counted.
+ * the engine's. used never exceeds capacity - 1, so the terminator always
+ * fits; in the caller's form the bytes beyond that are dropped but counted.
  */
 struct Sink {
    char *buf;
    size_t capacity;
    size_t used;
+   size_t room;   // capacity - 1 - used; 0 for a caller's buffer of size 0
    size_t total;  // every byte produced, stored or not
    bool allocating;
    bool error;  // sticky for the rest of the call
 };
 
-struct Iov {
-   const char *base;
-   size_t len;
-};
+/*
+ * Stores a piece that does not fit in the room left: the caller's form
+ * keeps what fits, the allocating form grows by whole multiples of the
+ * current capacity. A failed growth sets the error flag.
+ */
+[[gnu::noinline]] void BSDFmt_SFVWrite(Sink &sink, const char *p, size_t n) {
+   if (!sink.allocating) {
+      memcpy(sink.buf + sink.used, p, sink.room);
+      sink.used += sink.room;
+      sink.room = 0;
+      return;
+   }
+   if (sink.error) {
+      return;
+   }
+   if (n > SIZE_MAX - sink.used - sink.capacity) {
+      sink.error = true;
+      return;
+   }
+   size_t want = sink.used + n + sink.capacity;
+   size_t capacity = want - want % sink.capacity;
+   auto *grown = static_cast<char *>(Realloc(sink.buf, capacity));
+   if (grown == nullptr) {
+      sink.error = true;
+      return;
+   }
+   sink.buf = grown;
+   sink.capacity = capacity;
+   memcpy(sink.buf + sink.used, p, n);
+   sink.used += n;
+   sink.room = capacity - 1 - sink.used;
+}
 
-// Pending pieces; flushed at the end of every conversion and when full.
-constexpr int kIovCount = 8;
-struct Uio {
-   Iov iov[kIovCount];
-   int count;
-   size_t resid;  // bytes in the pending pieces
-};
+// Copies a short piece without a call; longer ones go to memcpy. (GCC's
+// bounds analysis, once this is inlined at a call with a small source
+// array, cannot see that n never exceeds the array.)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Warray-bounds"
+#ifndef __clang__
+#pragma GCC diagnostic ignored "-Wstringop-overread"
+#endif
+inline void CopyBurst(char *d, const char *s, size_t n) {
+   if (n >= 8 && n <= 16) {
+      memcpy(d, s, 8);
+      memcpy(d + n - 8, s + n - 8, 8);
+   } else if (n >= 4 && n < 8) {
+      memcpy(d, s, 4);
+      memcpy(d + n - 4, s + n - 4, 4);
+   } else if (n < 4) {
+      for (size_t i = 0; i < n; i++) {
+         d[i] = s[i];
+      }
+   } else {
+      memcpy(d, s, n);
+   }
+}
+#pragma GCC diagnostic pop
 
-// Copies the pending pieces into the sink.
-void BSDFmt_SFVWrite(Sink &sink, const Uio &uio) {
-   sink.total += uio.resid;
-   for (int i = 0; i < uio.count; i++) {
-      const char *p = uio.iov[i].base;
-      size_t n = uio.iov[i].len;
-      if (!sink.allocating) {
-         size_t room = sink.capacity == 0 ? 0 : sink.capacity - 1 - sink.used;
-         size_t k = n < room ? n : room;
-         memcpy(sink.buf + sink.used, p, k);
-         sink.used += k;
-         continue;
-      }
-      if (sink.error) {
-         return;
-      }
-      if (sink.used + n + 1 > sink.capacity) {
-         // Grow by whole multiples of the current capacity.
-         if (n > SIZE_MAX - sink.used - sink.capacity) {
-            sink.error = true;
-            return;
-         }
-         size_t want = sink.used + n + sink.capacity;
-         size_t capacity = want - want % sink.capacity;
-         auto *grown = static_cast<char *>(Realloc(sink.buf, capacity));
-         if (grown == nullptr) {
-            sink.error = true;
-            return;
-         }
-         sink.buf = grown;
-         sink.capacity = capacity;
-      }
-      memcpy(sink.buf + sink.used, p, n);
+// Emits one piece of output: straight into the room left when it fits.
+inline void BSDFmt_SPrint(Sink &sink, const char *p, size_t n) {
+   sink.total += n;
+   if (n <= sink.room) [[likely]] {
+      CopyBurst(sink.buf + sink.used, p, n);
       sink.used += n;
+      sink.room -= n;
+      return;
    }
-}
-
-void BSDFmt_SPrint(Sink &sink, Uio &uio) {
-   if (uio.resid != 0) {
-      BSDFmt_SFVWrite(sink, uio);
-   }
-   uio.count = 0;
-   uio.resid = 0;
-}
-
-inline void Print(Sink &sink, Uio &uio, const char *p, size_t n) {
-   uio.iov[uio.count].base = p;
-   uio.iov[uio.count].len = n;
-   uio.resid += n;
-   if (++uio.count == kIovCount) {
-      BSDFmt_SPrint(sink, uio);
-   }
+   BSDFmt_SFVWrite(sink, p, n);
 }
 
 // n copies of a 16-byte run's character.
-void Pad(Sink &sink, Uio &uio, int64_t n, const char *with) {
+inline void Pad(Sink &sink, int64_t n, const char *with) {
+   if (n <= 0) [[likely]] {
+      return;
+   }
    while (n > 16) {
-      Print(sink, uio, with, 16);
+      if (!sink.allocating && sink.room == 0) {
+         // A full caller's buffer only counts.
+         sink.total += static_cast<size_t>(n);
+         return;
+      }
+      BSDFmt_SPrint(sink, with, 16);
       n -= 16;
    }
-   if (n > 0) {
-      Print(sink, uio, with, static_cast<size_t>(n));
-   }
+   BSDFmt_SPrint(sink, with, static_cast<size_t>(n));
 }
 
 // The digits [p, end) cut or padded with with to exactly n bytes.
-void PrintAndPad(Sink &sink, Uio &uio, const char *p, const char *end, int64_t n,
+inline void PrintAndPad(Sink &sink, const char *p, const char *end, int64_t n,
                  const char *with) {
    int64_t have = p < end ? end - p : 0;
    if (have > n) {
       have = n;
    }
    if (have > 0) {
-      Print(sink, uio, p, static_cast<size_t>(have));
+      BSDFmt_SPrint(sink, p, static_cast<size_t>(have));
    }
-   Pad(sink, uio, n - have, with);
+   Pad(sink, n - have, with);
 }
 
 /*
@@ -184,7 +194,8 @@ void LoadLocale(LocaleParams &locale) {
    if (locale.pending) {
       const struct lconv *lc = localeconv();
       locale.decimalPoint = lc->decimal_point;
-      locale.decimalLength = strlen(lc->decimal_point);
+      locale.decimalLength =
+         lc->decimal_point[0] != '\0' && lc->decimal_point[1] == '\0' ? 1 : strlen(lc->decimal_point);
       locale.thousandsSep = lc->thousands_sep[0];
       locale.grouping = lc->grouping;
       locale.pending = false;
@@ -288,8 +299,6 @@ int BSDFmt_Exponent(char *p0, int exp, char expChar) {
  * conversion loop and the positional-argument pre-scan.
  */
 enum class Kind : uint8_t {
-   kOther,  // printed itself, like "%c" of that byte
-   kEnd,    // the format's terminator
    kFlagSpace,
    kFlagPlus,
    kFlagMinus,
@@ -313,6 +322,8 @@ enum class Kind : uint8_t {
    kPointer,
    kCount,
    kFloat,
+   kOther,  // printed itself, like "%c" of that byte
+   kEnd,    // the format's terminator
 };
 
 struct ConversionInfo {
@@ -836,6 +847,9 @@ struct Scratch {
 bool IsInfOrNan(const char *text, bool &negative) {
    negative = text[0] == '-';
    const char *t = negative ? text + 1 : text;
+   if (*t >= '0' && *t <= '9') {
+      return false;
+   }
    return strcasecmp(t, "inf") == 0 || strcasecmp(t, "nan") == 0;
 }
 
@@ -875,24 +889,20 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
    va_copy(args.original, ap0);
    args.format = fmt0;
 
-   Uio uio;
-   uio.count = 0;
-   uio.resid = 0;
    Scratch scratch;
    const char *fmt = fmt0;
    bool failed = false;
 
-   auto produced = [&]() -> uint64_t { return sink.total + uio.resid; };
-
    for (;;) {
-      const char *pct = strchrnul(fmt, '%');
+      // Adjacent conversions and the format's end need no scan.
+      const char *pct = *fmt == '%' || *fmt == '\0' ? fmt : strchrnul(fmt, '%');
       if (pct != fmt) {
          size_t n = static_cast<size_t>(pct - fmt);
-         if (produced() + n > INT_MAX) {
+         if (sink.total + n > INT_MAX) {
             failed = true;
             break;
          }
-         Print(sink, uio, fmt, n);
+         BSDFmt_SPrint(sink, fmt, n);
       }
       if (*pct == '\0') {
          break;
@@ -927,136 +937,144 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
       for (;;) {
          ch = *fmt++;
          const ConversionInfo &info = Classify(ch);
-         switch (info.kind) {
-         case Kind::kFlagSpace:
-            if (sign == '\0') {
-               sign = ' ';
-            }
-            continue;
-         case Kind::kFlagPlus:
-            sign = '+';
-            continue;
-         case Kind::kFlagMinus:
-            flags |= kLeftAdjust;
-            continue;
-         case Kind::kFlagHash:
-            flags |= kAlt;
-            continue;
-         case Kind::kFlagZero:
-            flags |= kZeroPad;
-            continue;
-         case Kind::kFlagQuote:
-            flags |= kGrouping;
-            continue;
-         case Kind::kStar:
-         case Kind::kDot: {
-            bool isPrecision = info.kind == Kind::kDot;
-            if (isPrecision) {
-               if (*fmt != '*') {
-                  int n = 0;
-                  while (*fmt >= '0' && *fmt <= '9') {
-                     if (!AppendDigit(n, *fmt)) {
-                        failed = true;
+         // Flags, width, precision and size first; each loops for more.
+         if (info.kind < Kind::kSigned) {
+            switch (info.kind) {
+            case Kind::kFlagSpace:
+               if (sign == '\0') {
+                  sign = ' ';
+               }
+               continue;
+            case Kind::kFlagPlus:
+               sign = '+';
+               continue;
+            case Kind::kFlagMinus:
+               flags |= kLeftAdjust;
+               continue;
+            case Kind::kFlagHash:
+               flags |= kAlt;
+               continue;
+            case Kind::kFlagZero:
+               flags |= kZeroPad;
+               continue;
+            case Kind::kFlagQuote:
+               flags |= kGrouping;
+               continue;
+            case Kind::kStar:
+            case Kind::kDot: {
+               bool isPrecision = info.kind == Kind::kDot;
+               if (isPrecision) {
+                  if (*fmt != '*') {
+                     int n = 0;
+                     while (*fmt >= '0' && *fmt <= '9') {
+                        if (!AppendDigit(n, *fmt)) {
+                           failed = true;
+                           break;
+                        }
+                        fmt++;
+                     }
+                     if (failed) {
                         break;
                      }
-                     fmt++;
+                     prec = n;
+                     continue;
                   }
-                  if (failed) {
+                  fmt++;
+               }
+               bool overflow = false;
+               int position = StarPosition(fmt, overflow);
+               if (overflow) {
+                  failed = true;
+                  break;
+               }
+               int value;
+               if (position != 0) {
+                  if (!args.BuildTable()) {
+                     failed = true;
                      break;
                   }
-                  prec = n;
-                  continue;
+                  int hold = args.next;
+                  args.next = position;
+                  value = args.Get<int>();
+                  args.next = hold;
+               } else {
+                  value = args.Get<int>();
                }
-               fmt++;
-            }
-            bool overflow = false;
-            int position = StarPosition(fmt, overflow);
-            if (overflow) {
-               failed = true;
-               break;
-            }
-            int value;
-            if (position != 0) {
-               if (!args.BuildTable()) {
+               if (isPrecision) {
+                  prec = value < 0 ? -1 : value;
+               } else if (value >= 0) {
+                  width = value;
+               } else if (value == INT_MIN) {
                   failed = true;
                   break;
+               } else {
+                  width = -value;
+                  flags |= kLeftAdjust;
                }
-               int hold = args.next;
-               args.next = position;
-               value = args.Get<int>();
-               args.next = hold;
-            } else {
-               value = args.Get<int>();
+               continue;
             }
-            if (isPrecision) {
-               prec = value < 0 ? -1 : value;
-            } else if (value >= 0) {
-               width = value;
-            } else if (value == INT_MIN) {
-               failed = true;
-               break;
-            } else {
-               width = -value;
-               flags |= kLeftAdjust;
-            }
-            continue;
-         }
-         case Kind::kDigit: {
-            int n = 0;
-            fmt--;
-            while (*fmt >= '0' && *fmt <= '9') {
-               if (!AppendDigit(n, *fmt)) {
-                  failed = true;
+            case Kind::kDigit: {
+               int n = 0;
+               fmt--;
+               while (*fmt >= '0' && *fmt <= '9') {
+                  if (!AppendDigit(n, *fmt)) {
+                     failed = true;
+                     break;
+                  }
+                  fmt++;
+               }
+               if (failed) {
                   break;
                }
-               fmt++;
-            }
-            if (failed) {
-               break;
-            }
-            if (*fmt == '$') {
-               fmt++;
-               if (!args.BuildTable()) {
-                  failed = true;
-                  break;
+               if (*fmt == '$') {
+                  fmt++;
+                  if (!args.BuildTable()) {
+                     failed = true;
+                     break;
+                  }
+                  args.next = n;
+               } else {
+                  width = n;
                }
-               args.next = n;
-            } else {
-               width = n;
+               continue;
             }
-            continue;
-         }
-         case Kind::kSizeH:
-            size = size == SizeClass::kShort ? SizeClass::kChar : SizeClass::kShort;
-            continue;
-         case Kind::kSizeL:
-            size = size == SizeClass::kLong ? SizeClass::kLongLong : SizeClass::kLong;
-            continue;
-         case Kind::kSizeLongDouble:
-            size = SizeClass::kLongLong;
-            flags |= kLongDouble;
-            continue;
-         case Kind::kSizeJ:
-            size = SizeClass::kIntmax;
-            continue;
-         case Kind::kSizeT:
-            size = SizeClass::kPtrdiff;
-            continue;
-         case Kind::kSizeZ:
-            size = SizeClass::kSize;
-            continue;
-         case Kind::kSizeI:
-            if (fmt[0] == '6' && fmt[1] == '4') {
+            case Kind::kSizeH:
+               size = size == SizeClass::kShort ? SizeClass::kChar : SizeClass::kShort;
+               continue;
+            case Kind::kSizeL:
+               size = size == SizeClass::kLong ? SizeClass::kLongLong : SizeClass::kLong;
+               continue;
+            case Kind::kSizeLongDouble:
                size = SizeClass::kLongLong;
-               fmt += 2;
-            } else if (fmt[0] == '3' && fmt[1] == '2') {
-               size = SizeClass::kNone;
-               fmt += 2;
-            } else {
+               flags |= kLongDouble;
+               continue;
+            case Kind::kSizeJ:
+               size = SizeClass::kIntmax;
+               continue;
+            case Kind::kSizeT:
+               size = SizeClass::kPtrdiff;
+               continue;
+            case Kind::kSizeZ:
                size = SizeClass::kSize;
-            }
-            continue;
+               continue;
+            case Kind::kSizeI:
+               if (fmt[0] == '6' && fmt[1] == '4') {
+                  size = SizeClass::kLongLong;
+                  fmt += 2;
+               } else if (fmt[0] == '3' && fmt[1] == '2') {
+                  size = SizeClass::kNone;
+                  fmt += 2;
+               } else {
+                  size = SizeClass::kSize;
+               }
+               continue;
 
+            default:
+               break;
+            }
+            break;  // reached only on failure
+         }
+         switch (info.kind) {
          case Kind::kSigned: {
             intmax_t value = SignedArg(args, info.forceLong ? SizeClass::kLong : size);
             ujval = static_cast<uintmax_t>(value);
@@ -1150,7 +1168,7 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
          }
 
          case Kind::kCount:
-            StoreCount(args, size, static_cast<int>(produced()));
+            StoreCount(args, size, static_cast<int>(sink.total));
             done = true;
             break;
 
@@ -1260,6 +1278,8 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
             csize = 1;
             sign = '\0';
             break;
+         default:
+            break;
          }
          break;
       }
@@ -1301,41 +1321,41 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
          realsz += 2;
       }
       int64_t prsize = width > realsz ? width : realsz;
-      if (produced() + static_cast<uint64_t>(prsize) > INT_MAX) {
+      if (sink.total + static_cast<uint64_t>(prsize) > INT_MAX) {
          failed = true;
          break;
       }
 
       if ((flags & (kLeftAdjust | kZeroPad)) == 0) {
-         Pad(sink, uio, width - realsz, kBlanks);
+         Pad(sink, width - realsz, kBlanks);
       }
       if (sign != '\0') {
-         Print(sink, uio, &sign, 1);
+         BSDFmt_SPrint(sink, &sign, 1);
       }
       if (ox[1] != '\0') {
-         Print(sink, uio, ox, 2);
+         BSDFmt_SPrint(sink, ox, 2);
       }
       if ((flags & (kLeftAdjust | kZeroPad)) == kZeroPad) {
-         Pad(sink, uio, width - realsz, kZeroes);
+         Pad(sink, width - realsz, kZeroes);
       }
-      Pad(sink, uio, dprec - csize, kZeroes);
+      Pad(sink, dprec - csize, kZeroes);
 
       if ((flags & kFloatBody) == 0) {
-         Print(sink, uio, cp, static_cast<size_t>(csize));
+         BSDFmt_SPrint(sink, cp, static_cast<size_t>(csize));
       } else if (expChar == '\0') {
          const char *decimal = locale.decimalPoint;
          size_t decimalLength = locale.decimalLength;
          if (expt <= 0) {
-            Print(sink, uio, kZeroes, 1);
+            BSDFmt_SPrint(sink, kZeroes, 1);
             if (prec != 0 || (flags & kAlt) != 0) {
-               Print(sink, uio, decimal, decimalLength);
+               BSDFmt_SPrint(sink, decimal, decimalLength);
             }
-            Pad(sink, uio, -expt, kZeroes);
+            Pad(sink, -expt, kZeroes);
             // The leading zeros count towards the precision.
             prec += expt;
          } else {
             int64_t lead = grouped ? grouping.lead : expt;
-            PrintAndPad(sink, uio, cp, digitsEnd, lead, kZeroes);
+            PrintAndPad(sink, cp, digitsEnd, lead, kZeroes);
             cp += lead < ndig ? lead : ndig;
             if (grouped) {
                const char *g = grouping.last;
@@ -1348,40 +1368,38 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
                      g--;
                      nseps--;
                   }
-                  Print(sink, uio, &locale.thousandsSep, 1);
+                  BSDFmt_SPrint(sink, &locale.thousandsSep, 1);
                   const char *from = cp;
-                  PrintAndPad(sink, uio, from, digitsEnd, *g, kZeroes);
+                  PrintAndPad(sink, from, digitsEnd, *g, kZeroes);
                   int64_t step = *g;
                   int64_t left = digitsEnd - cp;
                   cp += step < left ? step : left;
                }
             }
             if (prec != 0 || (flags & kAlt) != 0) {
-               Print(sink, uio, decimal, decimalLength);
+               BSDFmt_SPrint(sink, decimal, decimalLength);
             }
          }
-         PrintAndPad(sink, uio, cp, digitsEnd, prec, kZeroes);
+         PrintAndPad(sink, cp, digitsEnd, prec, kZeroes);
       } else {
          // d.ddde+XX, or dE+XX when no digits follow the point.
          if (prec > 1 || (flags & kAlt) != 0) {
-            Print(sink, uio, cp, 1);
-            Print(sink, uio, locale.decimalPoint, locale.decimalLength);
-            Print(sink, uio, cp + 1, static_cast<size_t>(ndig - 1));
-            Pad(sink, uio, prec - ndig, kZeroes);
+            BSDFmt_SPrint(sink, cp, 1);
+            BSDFmt_SPrint(sink, locale.decimalPoint, locale.decimalLength);
+            BSDFmt_SPrint(sink, cp + 1, static_cast<size_t>(ndig - 1));
+            Pad(sink, prec - ndig, kZeroes);
          } else {
-            Print(sink, uio, cp, 1);
+            BSDFmt_SPrint(sink, cp, 1);
          }
-         Print(sink, uio, expBuf, static_cast<size_t>(expSize));
+         BSDFmt_SPrint(sink, expBuf, static_cast<size_t>(expSize));
       }
 
       if ((flags & kLeftAdjust) != 0) {
-         Pad(sink, uio, width - realsz, kBlanks);
+         Pad(sink, width - realsz, kBlanks);
       }
-      BSDFmt_SPrint(sink, uio);
       scratch.Release();
    }
 
-   BSDFmt_SPrint(sink, uio);
    va_end(args.ap);
    va_end(args.original);
    if (failed || sink.error || sink.total > INT_MAX) {
@@ -1412,6 +1430,7 @@ int Run(char **outbuf, size_t size, LocaleParams &locale, const char *format, va
       sink.buf = *outbuf;
    }
 
+   sink.room = sink.capacity == 0 ? 0 : sink.capacity - 1;
    int result = Format(sink, locale, format, ap);
 
    if (sink.allocating) {
@@ -1554,7 +1573,7 @@ char *BSDFmt_WCharToUTF8(const wchar_t *wideString, int precision) {
          continue;
       }
       if (result != conversionOK && result != sourceExhausted && result != sourceIllegal) {
-         halcyx::PanicNotImplemented("lib/string/bsd_vsnprintf", 424);
+         halcyx::PanicNotImplemented(halcyx::bsdfmt::kModulePath, 424);
       }
       break;
    }
