@@ -1,6 +1,31 @@
-#include "log.h"
+/*
+ * halcyx-opener: makes sure the services daemon runs and hands it one file
+ * descriptor. Installed set-user-ID root; the steps below read as the
+ * program's timeline.
+ */
+#include <sys/stat.h>
 
-int main() {
-   Warning("Invalid number of arguments.\n");
-   return 1;
+#include "location.h"
+#include "log.h"
+#include "openerConfig.h"
+#include "serviceImpl.h"
+#include "str.h"
+
+int main(int argc, char **argv) {
+   Shellshock_Mitigate();
+   ServiceImpl_PrivLower();
+   umask(022);
+   Location_Init(HALCYX_PROCESS_TAG);
+
+   // Made once and kept until the process ends.
+   char *daemonPath = Str_Asprintf(nullptr, "%s/%s%s", Location_GetHostDir(), "Services",
+                                   Location_GetSubPath("serviceDaemonFile"));
+   if (daemonPath == nullptr) {
+      Warning("%s: No daemon path.\n", "main");
+      return 1;
+   }
+
+   ServiceImpl_SetPrepareDaemonCallback(ServiceImplPrepareServicesTree);
+   return ServiceImpl_Opener(argc, argv, HALCYX_LOG_LEVEL, HALCYX_LOCK_PATH,
+                             HALCYX_SOCKET_PATH, daemonPath);
 }

@@ -278,9 +278,7 @@ bool isLegalUTF8Sequence(const UTF8 *source, const UTF8 *sourceEnd) {
    if (source >= sourceEnd) {
       return false;
    }
-   Decoding d = Utf8::Decode(source, sourceEnd);
-   return d.kind == Decoded::kScalar &&
-          d.units == static_cast<size_t>(sourceEnd - source);
+   return Utf8::Decode(source, sourceEnd).kind == Decoded::kScalar;
 }
 
 }

@@ -83,7 +83,8 @@ void Panic(const char *format, ...) {
 }
 
 int ServiceImplLogOpen(const char *path) {
-   int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+   // Not inherited: a program the process starts gets no log of ours.
+   int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
    gLogFd.store(fd, std::memory_order_relaxed);
    return fd;
 }

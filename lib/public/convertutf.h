@@ -1,5 +1,5 @@
 /*
- * Reference conversions between UTF-32, UTF-16 and UTF-8.
+ * Conversions between UTF-32, UTF-16 and UTF-8, and a UTF-8 sequence check.
  *
  * Each function converts from *sourceStart up to sourceEnd into *targetStart
  * up to targetEnd and advances both pointers past what it consumed and
@@ -63,7 +63,11 @@ ConversionResult ConvertUTF32toUTF16(const UTF32 **sourceStart, const UTF32 *sou
                                      UTF16 **targetStart, UTF16 *targetEnd,
                                      ConversionFlags flags);
 
-/* True when source..sourceEnd holds exactly one well-formed UTF-8 sequence. */
+/*
+ * True when the UTF-8 sequence that begins at source is well-formed and ends
+ * at or before sourceEnd; whatever follows it is not looked at. False for an
+ * empty range.
+ */
 bool isLegalUTF8Sequence(const UTF8 *source, const UTF8 *sourceEnd);
 
 HALCYX_EXTERN_C_END

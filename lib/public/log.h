@@ -25,7 +25,7 @@ HALCYX_NORETURN void Panic(const char *format, ...) HALCYX_PRINTF(1, 2);
 
 /*
  * Replaces the log descriptor with open(path, O_WRONLY | O_CREAT | O_TRUNC,
- * 0644) and returns it; a failed open returns -1, which switches logging off.
+ * 0644), close-on-exec, and returns it; a failed open returns -1, which switches logging off.
  * The previous descriptor is left open.
  */
 int ServiceImplLogOpen(const char *path);

@@ -4,10 +4,11 @@
  * One pass over the format: literal runs are found with strchrnul and
  * copied whole; each conversion is parsed through a constexpr table that
  * classifies every format byte, converted into a small local buffer, and
- * emitted as a handful of (pointer, length) pieces that are flushed into the
- * sink at the end of the conversion. Nothing is allocated for the caller's
- * buffer form unless the format uses wide strings, floating point or more
- * than 8 positional arguments.
+ * emitted as a few (pointer, length) pieces: padding runs, sign, prefix,
+ * digits. A piece that fits in the room left goes straight into the sink;
+ * only truncation and growth take the out-of-line path. Nothing is
+ * allocated for the caller's buffer form unless the format uses wide
+ * strings, floating point or positions beyond 7.
  *
  * All state lives in the call. The one shared resource is the mutex around
  * ecvt/fcvt (see dtoa).
@@ -166,7 +167,7 @@ inline void Pad(Sink &sink, int64_t n, const char *with) {
 
 // The digits [p, end) cut or padded with with to exactly n bytes.
 inline void PrintAndPad(Sink &sink, const char *p, const char *end, int64_t n,
-                 const char *with) {
+                        const char *with) {
    int64_t have = p < end ? end - p : 0;
    if (have > n) {
       have = n;
@@ -194,8 +195,8 @@ void LoadLocale(LocaleParams &locale) {
    if (locale.pending) {
       const struct lconv *lc = localeconv();
       locale.decimalPoint = lc->decimal_point;
-      locale.decimalLength =
-         lc->decimal_point[0] != '\0' && lc->decimal_point[1] == '\0' ? 1 : strlen(lc->decimal_point);
+      const char *point = lc->decimal_point;
+      locale.decimalLength = point[0] != '\0' && point[1] == '\0' ? 1 : strlen(point);
       locale.thousandsSep = lc->thousands_sep[0];
       locale.grouping = lc->grouping;
       locale.pending = false;
@@ -838,8 +839,10 @@ struct Scratch {
          freedtoa(digits);
          digits = nullptr;
       }
-      free(wide);
-      wide = nullptr;
+      if (wide != nullptr) {
+         free(wide);
+         wide = nullptr;
+      }
    }
 };
 
@@ -1211,8 +1214,7 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
                if (negative || signFlag) {
                   sign = '-';
                }
-               bool upper = ch >= 'A' && ch <= 'Z';
-               cp = nan ? (upper ? "NAN" : "nan") : (upper ? "INF" : "inf");
+               cp = nan ? (info.upper ? "NAN" : "nan") : (info.upper ? "INF" : "inf");
                csize = 3;
                flags &= ~kZeroPad;
                break;
@@ -1224,6 +1226,12 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
             expt = decpt;
             digitsEnd = end;
             ndig = end - cp;
+            if (expChar != '\0' && ndig == 0) {
+               // The exponent form always shows a first digit.
+               cp = "0";
+               digitsEnd = cp + 1;
+               ndig = 1;
+            }
             if (lower == 'g') {
                if (expt > -4 && expt <= prec) {
                   // Plain notation; "#" keeps the trailing zeros.
@@ -1241,11 +1249,6 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
                }
             }
             if (expChar != '\0') {
-               if (ndig == 0) {
-                  cp = "0";
-                  digitsEnd = cp + 1;
-                  ndig = 1;
-               }
                expSize = BSDFmt_Exponent(expBuf, static_cast<int>(expt - 1), expChar);
                csize = expSize + prec;
                if (prec > 1 || (flags & kAlt) != 0) {

@@ -1,0 +1,62 @@
+/*
+ * The opener's service logic: entry, privilege bracket and rendezvous.
+ *
+ * The program runs with its effective user ID lowered to the caller's for
+ * nearly all of its work. ServiceImpl_PrivRaise and ServiceImpl_PrivLower
+ * bracket the few stretches that need root; they work only as a strict
+ * alternation (lower once at start, then raise/lower around each stretch),
+ * because lowering records the effective user ID it finds.
+ */
+#ifndef HALCYX_OPENER_SERVICEIMPL_H
+#define HALCYX_OPENER_SERVICEIMPL_H
+
+#include "halcyx_base.h"
+
+HALCYX_EXTERN_C_BEGIN
+
+/* Returns true when the daemon may be started. */
+typedef bool (*ServiceImplPrepareDaemonFn)(void);
+
+/*
+ * Removes shell-function definitions (values beginning "() {") and the
+ * variables BASH_ENV, ENV and SHELLOPTS from the environment. Ends the
+ * process with status 1, silently, when it cannot.
+ */
+void Shellshock_Mitigate(void);
+
+void ServiceImpl_PrivLower(void);
+void ServiceImpl_PrivRaise(void);
+
+void ServiceImpl_SetPrepareDaemonCallback(ServiceImplPrepareDaemonFn callback);
+
+/*
+ * Runs the opener: argc 2 hands over descriptor atoi(argv[1]); argc 1
+ * (shell mode) hands over the read end of a fresh pipe and then sleeps for
+ * ever holding its write end. Returns the exit status: 0 when the daemon
+ * acknowledged the descriptor, 1 otherwise. Never returns in shell mode
+ * after success.
+ */
+int ServiceImpl_Opener(int argc, char **argv, int logLevel, const char *lockPath,
+                       const char *socketPath, const char *daemonPath);
+
+/* Log-level call points; empty in this program. */
+void LogLevel_UserExtensionCreate(void);
+int LogLevel_Set(const char *extension, const char *module, int level);
+
+/* The rendezvous: true when the daemon acknowledged fdToPass with "1". */
+bool ServiceImplOpener(const char *lockPath, const char *socketPath,
+                       const char *daemonPath, int fdToPass);
+
+/*
+ * Closes *fdSlot unless it holds -1 and sets it to -1. A failed close is
+ * logged and, when okFlag is given, clears *okFlag. Returns whether the
+ * close succeeded (a slot holding -1 counts as success).
+ */
+bool ServiceImplClose(int *fdSlot, bool *okFlag);
+
+/* The prepare-daemon callback that rebuilds the Services tree. */
+bool ServiceImplPrepareServicesTree(void);
+
+HALCYX_EXTERN_C_END
+
+#endif /* HALCYX_OPENER_SERVICEIMPL_H */

@@ -1,0 +1,130 @@
+// Mode selection and the privilege bracket of the opener's service logic.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <regex>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "child.h"
+#include "serviceImpl.h"
+
+using halcyx::test::LogEntries;
+using halcyx::test::RunInChild;
+
+namespace {
+
+std::vector<std::string> OpenerLog(int argc, std::vector<const char *> argv, int *status) {
+   argv.push_back(nullptr);
+   auto r = RunInChild([&] {
+      _exit(ServiceImpl_Opener(argc, const_cast<char **>(argv.data()), 2, "/nonexistent/lock",
+                               "/nonexistent/sock", "/nonexistent/daemon"));
+   });
+   *status = r.ExitCode();
+   return LogEntries(r.out);
+}
+
+TEST(OpenerModes, ArgumentCountsOtherThanOneOrTwoAreRejected) {
+   for (int argc : {0, 3, 4, 100}) {
+      int status = -1;
+      auto log = OpenerLog(argc, {}, &status);
+      EXPECT_EQ(status, 1);
+      ASSERT_EQ(log.size(), 2u);
+      EXPECT_TRUE(std::regex_match(log[0], std::regex("ServiceImpl_Opener: PID [0-9]+\n")));
+      EXPECT_EQ(log[1], "Warning: Invalid number of arguments.\n");
+   }
+}
+
+TEST(OpenerModes, FailedRendezvousGivesStatusOneInBothModes) {
+   int status = -1;
+   OpenerLog(2, {"opener", "7"}, &status);
+   EXPECT_EQ(status, 1);
+   OpenerLog(1, {"opener"}, &status);
+   EXPECT_EQ(status, 1);
+}
+
+TEST(OpenerModes, ShellModeLeavesNoPipeBehindOnFailure) {
+   auto r = RunInChild([] {
+      int before = dup(0);
+      close(before);
+      char arg0[] = "opener";
+      char *argv[] = {arg0, nullptr};
+      if (ServiceImpl_Opener(1, argv, 2, "/x", "/y", "/z") != 1) {
+         _exit(2);
+      }
+      // The lowest free descriptor is the same as before: both ends closed.
+      int after = dup(0);
+      _exit(after == before ? 0 : 3);
+   });
+   EXPECT_EQ(r.ExitCode(), 0) << r.out;
+}
+
+TEST(ServiceImplClose, ClosesOnceAndReportsFailure) {
+   int fds[2];
+   ASSERT_EQ(pipe(fds), 0);
+   bool ok = true;
+   EXPECT_TRUE(ServiceImplClose(&fds[0], &ok));
+   EXPECT_EQ(fds[0], -1);
+   EXPECT_TRUE(ok);
+   EXPECT_TRUE(ServiceImplClose(&fds[0], &ok)) << "an empty slot counts as success";
+   ASSERT_EQ(close(fds[1]), 0);
+   auto r = RunInChild([&] {
+      bool flag = true;
+      int slot = fds[1];  // already closed: EBADF
+      bool closed = ServiceImplClose(&slot, &flag);
+      _exit(!closed && !flag && slot == -1 ? 0 : 1);
+   });
+   EXPECT_EQ(r.ExitCode(), 0);
+   EXPECT_EQ(LogEntries(r.out), std::vector<std::string>{"Warning: ServiceImplClose: close " +
+                                                          std::to_string(fds[1]) + " errno " +
+                                                          std::to_string(EBADF) + ".\n"});
+}
+
+// The bracket as the set-user-ID program sees it: real user unprivileged,
+// effective and saved user root.
+TEST(PrivilegeBracket, LowerAndRaiseAlternate) {
+   if (geteuid() != 0) {
+      GTEST_SKIP() << "needs root";
+   }
+   auto r = RunInChild([] {
+      if (setresuid(65534, 0, 0) != 0) {
+         _exit(10);
+      }
+      ServiceImpl_PrivLower();
+      if (geteuid() != 65534) {
+         _exit(11);
+      }
+      ServiceImpl_PrivRaise();
+      if (geteuid() != 0) {
+         _exit(12);
+      }
+      ServiceImpl_PrivLower();
+      _exit(geteuid() == 65534 ? 0 : 13);
+   });
+   EXPECT_EQ(r.ExitCode(), 0);
+   EXPECT_EQ(r.out, "");
+}
+
+TEST(PrivilegeBracket, AFailedRaiseIsLoggedAndRootIsNotRegained) {
+   if (geteuid() != 0) {
+      GTEST_SKIP() << "needs root";
+   }
+   auto r = RunInChild([] {
+      // Root only in the effective ID: once lowered it cannot come back.
+      if (setresuid(65534, 0, 65534) != 0) {
+         _exit(10);
+      }
+      ServiceImpl_PrivLower();
+      ServiceImpl_PrivRaise();
+      ServiceImpl_PrivLower();
+      ServiceImpl_PrivRaise();
+      _exit(geteuid() == 65534 ? 0 : 11);
+   });
+   EXPECT_EQ(r.ExitCode(), 0);
+   std::string eperm = std::to_string(EPERM);
+   EXPECT_EQ(LogEntries(r.out),
+             (std::vector<std::string>{
+                "Warning: ServiceImpl_PrivRaise: seteuid errno " + eperm + ".\n"}));
+}
+
+}  // namespace
