@@ -82,19 +82,9 @@ void MXUser_DestroyExclLock(MXUserExclLock *lock) {
 
 MXUserExclLock *MXUser_CreateSingletonExclLockInt(MXUserExclLock **lockStorage,
                                                   const char *name, MX_Rank rank) {
-   std::atomic_ref<MXUserExclLock *> slot(*lockStorage);
-   MXUserExclLock *lock = slot.load(std::memory_order_acquire);
-   if (lock != nullptr) {
-      return lock;
-   }
-   MXUserExclLock *fresh = CreateExclLock(name, rank, __builtin_return_address(0));
-   if (slot.compare_exchange_strong(lock, fresh, std::memory_order_acq_rel,
-                                    std::memory_order_acquire)) {
-      return fresh;
-   }
-   // Another thread installed its lock first; nobody has seen ours.
-   MXUser_DestroyExclLock(fresh);
-   return lock;
+   void *caller = __builtin_return_address(0);
+   return MXUserInstallSingleton(
+      lockStorage, [&] { return CreateExclLock(name, rank, caller); }, MXUser_DestroyExclLock);
 }
 
 }  // extern "C"

@@ -196,6 +196,28 @@ void MXUserDumpExclLock(Header *header);
 void MXUserDumpRecLock(Header *header);
 
 /*
+ * Returns the lock in *storage, making it with create() on first use.
+ * Racing creators agree through one compare-and-swap of the slot; a loser
+ * destroys its own lock, which nobody else has seen, and returns the
+ * winner's. Never blocks.
+ */
+template <typename Lock, typename Create, typename Destroy>
+Lock *MXUserInstallSingleton(Lock **storage, Create create, Destroy destroy) {
+   std::atomic_ref<Lock *> slot(*storage);
+   Lock *lock = slot.load(std::memory_order_acquire);
+   if (lock != nullptr) {
+      return lock;
+   }
+   Lock *fresh = create();
+   if (slot.compare_exchange_strong(lock, fresh, std::memory_order_acq_rel,
+                                    std::memory_order_acquire)) {
+      return fresh;
+   }
+   destroy(fresh);
+   return lock;
+}
+
+/*
  * Test seams. Set only by tests, and only while no other lock is created
  * or dumped.
  */

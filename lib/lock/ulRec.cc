@@ -148,19 +148,9 @@ MX_Rank MXUser_GetRecLockRank(MXUserRecLock *lock) { return lock->header.rank; }
 
 MXUserRecLock *MXUser_CreateSingletonRecLockInt(MXUserRecLock **lockStorage,
                                                 const char *name, MX_Rank rank) {
-   std::atomic_ref<MXUserRecLock *> slot(*lockStorage);
-   MXUserRecLock *lock = slot.load(std::memory_order_acquire);
-   if (lock != nullptr) {
-      return lock;
-   }
-   MXUserRecLock *fresh = CreateRecLock(name, rank, __builtin_return_address(0));
-   if (slot.compare_exchange_strong(lock, fresh, std::memory_order_acq_rel,
-                                    std::memory_order_acquire)) {
-      return fresh;
-   }
-   // Another thread installed its lock first; nobody has seen ours.
-   MXUser_DestroyRecLock(fresh);
-   return lock;
+   void *caller = __builtin_return_address(0);
+   return MXUserInstallSingleton(
+      lockStorage, [&] { return CreateRecLock(name, rank, caller); }, MXUser_DestroyRecLock);
 }
 
 }  // extern "C"

@@ -407,6 +407,49 @@ enum : unsigned {
    kFloatBody = 1u << 5,   // the body is a floating-point number
 };
 
+/*
+ * Applies one size-prefix character (kind, already consumed) to the size
+ * class: "hh" and "ll" are the second "h" or "l" seen; "L" and "q" also mark
+ * a long double; "I64" and "I32" consume their digits, any other "I" means
+ * size.
+ */
+inline void ApplySizePrefix(Kind kind, const char *&fmt, SizeClass &size, bool &longDouble) {
+   switch (kind) {
+   case Kind::kSizeH:
+      size = size == SizeClass::kShort ? SizeClass::kChar : SizeClass::kShort;
+      break;
+   case Kind::kSizeL:
+      size = size == SizeClass::kLong ? SizeClass::kLongLong : SizeClass::kLong;
+      break;
+   case Kind::kSizeLongDouble:
+      size = SizeClass::kLongLong;
+      longDouble = true;
+      break;
+   case Kind::kSizeJ:
+      size = SizeClass::kIntmax;
+      break;
+   case Kind::kSizeT:
+      size = SizeClass::kPtrdiff;
+      break;
+   case Kind::kSizeZ:
+      size = SizeClass::kSize;
+      break;
+   case Kind::kSizeI:
+      if (fmt[0] == '6' && fmt[1] == '4') {
+         size = SizeClass::kLongLong;
+         fmt += 2;
+      } else if (fmt[0] == '3' && fmt[1] == '2') {
+         size = SizeClass::kNone;
+         fmt += 2;
+      } else {
+         size = SizeClass::kSize;
+      }
+      break;
+   default:
+      break;
+   }
+}
+
 // The argument type of a position, as far as fetching it is concerned.
 enum class ArgType : uint8_t {
    kUnused,
@@ -598,34 +641,13 @@ bool BSDFmt_FindArguments(const char *fmt, TypeTable &table) {
             continue;
          }
          case Kind::kSizeH:
-            size = size == SizeClass::kShort ? SizeClass::kChar : SizeClass::kShort;
-            continue;
          case Kind::kSizeL:
-            size = size == SizeClass::kLong ? SizeClass::kLongLong : SizeClass::kLong;
-            continue;
          case Kind::kSizeLongDouble:
-            size = SizeClass::kLongLong;
-            longDouble = true;
-            continue;
          case Kind::kSizeJ:
-            size = SizeClass::kIntmax;
-            continue;
          case Kind::kSizeT:
-            size = SizeClass::kPtrdiff;
-            continue;
          case Kind::kSizeZ:
-            size = SizeClass::kSize;
-            continue;
          case Kind::kSizeI:
-            if (fmt[0] == '6' && fmt[1] == '4') {
-               size = SizeClass::kLongLong;
-               fmt += 2;
-            } else if (fmt[0] == '3' && fmt[1] == '2') {
-               size = SizeClass::kNone;
-               fmt += 2;
-            } else {
-               size = SizeClass::kSize;
-            }
+            ApplySizePrefix(info.kind, fmt, size, longDouble);
             continue;
          case Kind::kSigned:
          case Kind::kUnsigned:
@@ -1042,35 +1064,19 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
                continue;
             }
             case Kind::kSizeH:
-               size = size == SizeClass::kShort ? SizeClass::kChar : SizeClass::kShort;
-               continue;
             case Kind::kSizeL:
-               size = size == SizeClass::kLong ? SizeClass::kLongLong : SizeClass::kLong;
-               continue;
             case Kind::kSizeLongDouble:
-               size = SizeClass::kLongLong;
-               flags |= kLongDouble;
-               continue;
             case Kind::kSizeJ:
-               size = SizeClass::kIntmax;
-               continue;
             case Kind::kSizeT:
-               size = SizeClass::kPtrdiff;
-               continue;
             case Kind::kSizeZ:
-               size = SizeClass::kSize;
-               continue;
-            case Kind::kSizeI:
-               if (fmt[0] == '6' && fmt[1] == '4') {
-                  size = SizeClass::kLongLong;
-                  fmt += 2;
-               } else if (fmt[0] == '3' && fmt[1] == '2') {
-                  size = SizeClass::kNone;
-                  fmt += 2;
-               } else {
-                  size = SizeClass::kSize;
+            case Kind::kSizeI: {
+               bool longDouble = false;
+               ApplySizePrefix(info.kind, fmt, size, longDouble);
+               if (longDouble) {
+                  flags |= kLongDouble;
                }
                continue;
+            }
 
             default:
                break;

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "child.h"
-#include "internal/alloc.h"
+#include "alloc_seam.h"
 #include "log.h"
 #include "util.h"
 
@@ -83,23 +83,10 @@ TEST(LogEntry, LogOpenTruncatesAndRedirects) {
    EXPECT_EQ(LogEntries(std::string(text, n)), std::vector<std::string>{"to file\n"});
 }
 
-// Fails every allocation made through the library's seam while alive.
-class FailingAllocations {
-public:
-   FailingAllocations() : saved_(halcyx::gAllocHooks) {
-      halcyx::gAllocHooks = {[](size_t) -> void * { return nullptr; },
-                             [](size_t, size_t) -> void * { return nullptr; },
-                             [](void *, size_t) -> void * { return nullptr; }};
-   }
-   ~FailingAllocations() { halcyx::gAllocHooks = saved_; }
-
-private:
-   halcyx::AllocHooks saved_;
-};
-
 std::string PanicOf(const std::function<void()> &body) {
    auto r = RunInChild([&] {
-      FailingAllocations fail;
+      halcyx::test::AllocationSeam seam;
+      seam.FailAll();
       body();
    });
    EXPECT_EQ(r.ExitCode(), 1) << "no panic";
@@ -125,7 +112,8 @@ TEST(SafeAllocation, FailureMessagesByForm) {
 
 TEST(SafeAllocation, EmptyRequestsAndNullStringsAreNotFatal) {
    auto r = RunInChild([] {
-      FailingAllocations fail;
+      halcyx::test::AllocationSeam seam;
+      seam.FailAll();
       UtilSafeMalloc0(0);
       UtilSafeRealloc1(nullptr, 0, -1, "x.c", 1);
       UtilSafeCalloc0(0, 16);

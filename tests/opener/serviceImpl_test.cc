@@ -35,14 +35,6 @@ TEST(OpenerModes, ArgumentCountsOtherThanOneOrTwoAreRejected) {
    }
 }
 
-TEST(OpenerModes, FailedRendezvousGivesStatusOneInBothModes) {
-   int status = -1;
-   OpenerLog(2, {"opener", "7"}, &status);
-   EXPECT_EQ(status, 1);
-   OpenerLog(1, {"opener"}, &status);
-   EXPECT_EQ(status, 1);
-}
-
 TEST(OpenerModes, ShellModeLeavesNoPipeBehindOnFailure) {
    auto r = RunInChild([] {
       int before = dup(0);
