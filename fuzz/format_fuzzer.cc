@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -110,29 +112,22 @@ struct Bytes {
    uint64_t Word(size_t n, uint64_t v = 0) { return n == 0 ? v : Word(n - 1, v << 8 | Byte()); }
 };
 
-// Strings and "%n" targets (each allocated at exactly its type's size).
+// Strings and "%n" targets, each allocated at exactly its type's size.
 struct Storage {
    std::deque<std::string> strings;
    std::deque<std::wstring> wide;
-   std::vector<std::pair<Kind, void *>> targets;
-   ~Storage() {
-      for (auto &t : targets) free(t.second);
-   }
+   std::vector<std::pair<Kind, std::shared_ptr<void>>> targets;
+   std::vector<std::function<long long()>> readers;
    template <class T>
    T *Target(Kind k) {
       T *p = static_cast<T *>(calloc(1, sizeof(T)));
-      targets.emplace_back(k, p);
+      targets.emplace_back(k, std::shared_ptr<void>(p, free));
+      readers.push_back([p] { return static_cast<long long>(*p); });
       return p;
    }
    std::vector<long long> Counts() const {
       std::vector<long long> out;
-      for (auto [k, p] : targets) {
-         out.push_back(k == fmtmodel::kNChar    ? *static_cast<signed char *>(p)
-                       : k == fmtmodel::kNShort ? *static_cast<short *>(p)
-                       : k == fmtmodel::kNInt   ? *static_cast<int *>(p)
-                       : k == fmtmodel::kNLong  ? *static_cast<long *>(p)
-                                                : *static_cast<long long *>(p));
-      }
+      for (auto &read : readers) out.push_back(read());
       return out;
    }
 };

@@ -62,9 +62,15 @@ int Result(char *buf, size_t size, const char *format, ...) {
 
 // Replaces the allocation hooks while alive, records the sizes asked for and
 // fails call number `failing` (from 1; 0 fails them all).
-class AllocationProbe {
-public:
-   explicit AllocationProbe(int failing = -1) : saved_(halcyx::gAllocHooks) {
+struct AllocationProbe {
+   static inline std::vector<size_t> sizes_;
+   static inline int failing_;
+   halcyx::AllocHooks saved_ = halcyx::gAllocHooks;
+   static bool Next(size_t size) {
+      sizes_.push_back(size);
+      return failing_ != 0 && failing_ != static_cast<int>(sizes_.size());
+   }
+   explicit AllocationProbe(int failing = -1) {
       failing_ = failing;
       sizes_.clear();
       halcyx::gAllocHooks = {
@@ -74,15 +80,6 @@ public:
       };
    }
    ~AllocationProbe() { halcyx::gAllocHooks = saved_; }
-   static inline std::vector<size_t> sizes_;
-
-private:
-   static bool Next(size_t size) {
-      sizes_.push_back(size);
-      return failing_ != 0 && failing_ != static_cast<int>(sizes_.size());
-   }
-   halcyx::AllocHooks saved_;
-   static inline int failing_;
 };
 
 struct Row {
