@@ -279,7 +279,7 @@ Case RandomCase(Rng &rng, std::deque<std::string> &pool, size_t maxConvs, bool p
    for (size_t i = 0; i < argCount; i++) order[i] = i;
    for (size_t i = argCount; positional && i > 1; i--) std::swap(order[i - 1], order[rng.Below(i)]);
    Case out{RandomLiteral(rng), std::vector<Arg>(argCount)};
-   std::string spec;
+   std::string directive;
    size_t slot = 0;
    for (Conv &c : convs) {
       std::string ref[3];  // width, precision, value
@@ -290,11 +290,11 @@ Case RandomCase(Rng &rng, std::deque<std::string> &pool, size_t maxConvs, bool p
       // glibc pads a positional negative "*" width with zeros on the right.
       if (positional && c.width == "*" && std::get<int>(c.args[0]) < 0) std::erase(c.flags, '0');
       if (!positional) ref[0] = ref[1] = ref[2] = "";
-      spec = "%" + ref[2] + c.flags + c.width + (c.width == "*" ? ref[0] : "") + c.precision +
+      directive = "%" + ref[2] + c.flags + c.width + (c.width == "*" ? ref[0] : "") + c.precision +
              (c.precision == ".*" ? ref[1] : "") + c.size + c.conv;
-      out.format += spec + RandomLiteral(rng);
+      out.format += directive + RandomLiteral(rng);
    }
-   if (positional && rng.OneIn(3)) out.format += spec;
+   if (positional && rng.OneIn(3)) out.format += directive;
    return out;
 }
 
