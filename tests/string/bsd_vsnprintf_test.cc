@@ -15,7 +15,7 @@
 
 #include "bsd_output.h"
 #include "child.h"
-#include "internal/alloc.h"
+#include "alloc_seam.h"
 #include "str.h"
 
 // Non-standard conversions and prefixes are the point of these tests.
@@ -59,28 +59,6 @@ int Result(char *buf, size_t size, const char *format, ...) {
    va_end(ap);
    return r;
 }
-
-// Replaces the allocation hooks while alive, records the sizes asked for and
-// fails call number `failing` (from 1; 0 fails them all).
-struct AllocationProbe {
-   static inline std::vector<size_t> sizes_;
-   static inline int failing_;
-   halcyx::AllocHooks saved_ = halcyx::gAllocHooks;
-   static bool Next(size_t size) {
-      sizes_.push_back(size);
-      return failing_ != 0 && failing_ != static_cast<int>(sizes_.size());
-   }
-   explicit AllocationProbe(int failing = -1) {
-      failing_ = failing;
-      sizes_.clear();
-      halcyx::gAllocHooks = {
-         [](size_t size) -> void * { return Next(size) ? malloc(size) : nullptr; },
-         [](size_t n, size_t size) -> void * { return Next(n * size) ? calloc(n, size) : nullptr; },
-         [](void *p, size_t size) -> void * { return Next(size) ? realloc(p, size) : nullptr; },
-      };
-   }
-   ~AllocationProbe() { halcyx::gAllocHooks = saved_; }
-};
 
 struct Row {
    std::string got, want;
@@ -196,13 +174,15 @@ TEST(EngineDiffersByDesign, PositionalArguments) {
    });
    // Up to position 7 no table is allocated; beyond, a failed allocation aborts.
    auto r = halcyx::test::RunInChild([] {
-      AllocationProbe fail(0);
+      halcyx::test::AllocationSeam fail;
+      fail.FailAll();
       char buf[64];
       _exit(Result(buf, sizeof buf, "%7$d%1$d", 1, 2, 3, 4, 5, 6, 7) == 2 ? 0 : 3);
    });
    EXPECT_EQ(r.ExitCode(), 0);
    r = halcyx::test::RunInChild([] {
-      AllocationProbe fail(0);
+      halcyx::test::AllocationSeam fail;
+      fail.FailAll();
       char buf[64];
       Result(buf, sizeof buf, "%8$d", 1, 2, 3, 4, 5, 6, 7, 8);
    });
@@ -237,13 +217,15 @@ TEST(EngineFailures, LengthLimitsAndAllocation) {
    EXPECT_EQ(Result(buf, sizeof buf, "%2147483646d", 1), 2147483646);
    EXPECT_STREQ(buf, "       ");
    {  // a float's digit copy and a wide string's conversion allocate
-      AllocationProbe fail(0);
+      halcyx::test::AllocationSeam fail;
+      fail.FailAll();
       EXPECT_EQ(Result(buf, sizeof buf, "%f", 1.5), -1);
       EXPECT_EQ(Result(buf, sizeof buf, "x%lsy", L"abc"), -1);
    }
    std::string hundred(100, 'a');
-   for (int failing : {1, 2}) {
-      AllocationProbe fail(failing);
+   for (size_t failing : {1, 2}) {
+      halcyx::test::AllocationSeam fail;
+      fail.FailCalls({failing});
       size_t length = 77;
       EXPECT_EQ(Str_Asprintf(&length, "%s", hundred.c_str()), nullptr) << failing;
       EXPECT_EQ(length, 77u);
@@ -255,11 +237,11 @@ TEST(EngineFailures, LengthLimitsAndAllocation) {
 // capacity.
 TEST(AllocatingSink, CapacityRule) {
    auto capacities = [](const std::string &format, const std::string &arg) {
-      AllocationProbe probe;
+      halcyx::test::AllocationSeam probe;
       char *out = Str_Asprintf(nullptr, format.c_str(), arg.c_str(), arg.c_str(), arg.c_str());
       EXPECT_NE(out, nullptr);
       free(out);
-      return AllocationProbe::sizes_;
+      return probe.Requests();
    };
    using V = std::vector<size_t>;
    EXPECT_EQ(capacities("", ""), V{1});

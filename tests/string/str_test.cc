@@ -9,7 +9,7 @@
 #include <string>
 
 #include "child.h"
-#include "internal/alloc.h"
+#include "alloc_seam.h"
 #include "str.h"
 #include "string/bsd_vsnprintf_int.h"
 
@@ -21,11 +21,10 @@
 
 namespace {
 
-void FailAllocations() {
-   halcyx::gAllocHooks = {[](size_t) -> void * { return nullptr; },
-                          [](size_t, size_t) -> void * { return nullptr; },
-                          [](void *, size_t) -> void * { return nullptr; }};
-}
+// Refuses every allocation while alive.
+struct FailingSeam : halcyx::test::AllocationSeam {
+   FailingSeam() { FailAll(); }
+};
 
 char *SafeVasprintf(const char *format, ...) {
    va_list ap;
@@ -76,10 +75,11 @@ TEST(StrAllocating, LengthAndFailure) {
    EXPECT_STREQ(s, "a-b");
    EXPECT_EQ(length, 3u);
    free(s);
-   auto saved = halcyx::gAllocHooks;
-   FailAllocations();
-   EXPECT_EQ(Str_Asprintf(&length, "%d", 1), nullptr);
-   halcyx::gAllocHooks = saved;
+   {
+      halcyx::test::AllocationSeam seam;
+      seam.FailAll();
+      EXPECT_EQ(Str_Asprintf(&length, "%d", 1), nullptr);
+   }
    EXPECT_EQ(length, 3u);
 }
 
@@ -112,9 +112,9 @@ TEST(StrFatal, OverflowEndsTheProcessWithItsLine) {
       {[] { char b[6] = "ab"; Str_Strncat(b, sizeof b, "cdefgh", 4); }, "str:497 " + small},
       {[] { char b[6] = "ab"; Str_Strncat(b, sizeof b, "cdef", 100); }, "str:497 " + small},
       {[] { char b[4] = {'a', 'b', 'c', 'd'}; Str_Strncat(b, sizeof b, "", 0); }, "str:497 " + small},
-      {[] { FailAllocations(); Str_SafeAsprintf(nullptr, "%d", 1); }, "VERIFY lib/string/str:656 \n"},
+      {[] { FailingSeam seam; Str_SafeAsprintf(nullptr, "%d", 1); }, "VERIFY lib/string/str:656 \n"},
       {[] { Str_SafeAsprintf(nullptr, "%lc", static_cast<wint_t>(0xE9)); }, "VERIFY lib/string/str:656 \n"},
-      {[] { FailAllocations(); SafeVasprintf("x"); }, "VERIFY lib/string/str:656 \n"},
+      {[] { FailingSeam seam; SafeVasprintf("x"); }, "VERIFY lib/string/str:656 \n"},
    };
    for (const auto &[body, message] : cases) {
       auto r = halcyx::test::RunInChild(body);
