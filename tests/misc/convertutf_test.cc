@@ -180,7 +180,9 @@ TEST(IllFormed, Utf8ClassesStrictStopsLenientReplaces) {
            {{0xF8, 0x88, 0x80, 0x80, 0x80}, 0, {R, R, R, R, R}}, {{0xFF}, 0, {R}},
            {{0xE2, 0x82, 0x41}, 0, {R, 0x41}}, {{0xF0, 0x9F, 0x98, 0xC0}, 0, {R, R}},
            {{0xE2, 0xC3, 0xA9}, 0, {R, 0xE9}}, {{0xC3, 0xA9, 0xA9}, 2, {0xE9, R}}}) {
+      // isLegalUTF8Sequence judges the first sequence only.
       EXPECT_EQ(isLegalUTF8Sequence(&c.bytes[0], &c.bytes[0] + c.bytes.size()), c.legalBytes > 0);
+      EXPECT_FALSE(isLegalUTF8Sequence(&c.bytes[0], &c.bytes[0]));
       for (bool atEnd : {false, true}) {
          U8 src = {0x61};
          src.insert(src.end(), c.bytes.begin(), c.bytes.end());
@@ -190,20 +192,13 @@ TEST(IllFormed, Utf8ClassesStrictStopsLenientReplaces) {
             src.push_back(0x7A), want.push_back(0x7A);
          }
          SCOPED_TRACE(testing::Message() << std::hex << int(c.bytes[0]) << " at end " << atEnd);
+         EXPECT_TRUE(isLegalUTF8Sequence(&src[0], &src[0] + src.size()));  // "a", then anything
          auto s32 = Convert(ConvertUTF8toUTF32, src, kStrict);
          EXPECT_TRUE(s32.result == sourceIllegal && s32.consumed == 1 + c.legalBytes);
          EXPECT_EQ(Convert(ConvertUTF8toUTF32, src, kLenient),
                    (O32{conversionOK, src.size(), want}));
       }
    }
-}
-
-TEST(IsLegalUtf8Sequence, JudgesOnlyTheFirstSequence) {
-   const UTF8 t[] = {0x41, 0xC3, 0xA9, 0xE2, 0x82, 0xAC, 0x80};
-   EXPECT_FALSE(isLegalUTF8Sequence(t, t));
-   EXPECT_TRUE(isLegalUTF8Sequence(t, t + 7));      // "A", then anything
-   EXPECT_TRUE(isLegalUTF8Sequence(t + 1, t + 4));  // é, then a cut lead
-   EXPECT_TRUE(isLegalUTF8Sequence(t + 3, t + 7));  // €, then a lone continuation
 }
 
 }  // namespace
