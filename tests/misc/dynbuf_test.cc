@@ -21,8 +21,8 @@ bool gFail = false;
 std::vector<size_t> gRequests;
 struct Seam {
    halcyx::AllocHooks saved = halcyx::gAllocHooks;
-   Seam() {
-      gFail = false;
+   explicit Seam(bool fail = false) {
+      gFail = fail;
       gRequests.clear();
       halcyx::gAllocHooks.malloc = [](size_t n) { return Ask(n) ? malloc(n) : nullptr; };
       halcyx::gAllocHooks.realloc = [](void *p, size_t n) {
@@ -59,8 +59,7 @@ TEST(DynBufFailure, RefusedOrWrappingGrowthLeavesTheBufferUnchanged) {
       DynBuf_InitWithString(&dest, strdup("keep"));
       const auto before = State(b), destBefore = State(dest);
       {
-         Seam seam;
-         gFail = true;
+         Seam seam(true);
          EXPECT_FALSE(DynBuf_Enlarge(&b, b.allocated + 1));
          EXPECT_FALSE(DynBuf_Append(&b, "xy", 2));
          EXPECT_FALSE(DynBuf_Insert(&b, 0, "xy", 2));
@@ -110,8 +109,7 @@ TEST(DynBufOwnership, CopyDetachDetachStringAndTrim) {
 
 std::string PanicOf(const std::function<void()> &body) {
    auto r = halcyx::test::RunInChild([&] {
-      Seam seam;
-      gFail = true;
+      Seam seam(true);
       body();
    });
    auto entries = halcyx::test::LogEntries(r.out);
