@@ -11,26 +11,13 @@
 
 #include "child.h"
 #include "dynbuf.h"
-#include "internal/alloc.h"
+#include "alloc_seam.h"
 
 namespace {
 
-// While a Seam lives, the library's allocation requests are recorded, and
-// refused while gFail is set.
-bool gFail = false;
-std::vector<size_t> gRequests;
-struct Seam {
-   halcyx::AllocHooks saved = halcyx::gAllocHooks;
-   explicit Seam(bool fail = false) {
-      gFail = fail;
-      gRequests.clear();
-      halcyx::gAllocHooks.malloc = [](size_t n) { return Ask(n) ? malloc(n) : nullptr; };
-      halcyx::gAllocHooks.realloc = [](void *p, size_t n) {
-         return Ask(n) ? realloc(p, n) : nullptr;
-      };
-   }
-   ~Seam() { halcyx::gAllocHooks = saved; }
-   static bool Ask(size_t n) { return gRequests.push_back(n), !gFail; }
+// Records the library's allocation requests, refusing them all when asked.
+struct Seam : halcyx::test::AllocationSeam {
+   explicit Seam(bool fail = false) { FailAll(fail); }
 };
 
 std::string Contents(const DynBuf &b) { return b.data ? std::string(b.data, b.size) : ""; }
@@ -80,7 +67,7 @@ TEST(DynBufFailure, RefusedOrWrappingGrowthLeavesTheBufferUnchanged) {
    Seam seam;
    EXPECT_FALSE(DynBuf_Append(&b, "abc", 200));  // size + 200 wraps around
    EXPECT_FALSE(DynBuf_Insert(&b, 0, "abc", 200));
-   EXPECT_TRUE(gRequests.empty());
+   EXPECT_TRUE(seam.Requests().empty());
    EXPECT_TRUE(b.data == block && b.size == UINT64_MAX - 100 && b.allocated == b.size);
 }
 
@@ -101,7 +88,7 @@ TEST(DynBufOwnership, CopyDetachDetachStringAndTrim) {
    data = DynBuf_DetachString(&b);  // no spare byte: grows by the rule
    EXPECT_EQ(data[0], '\0');
    free(data);
-   EXPECT_EQ(gRequests, std::vector<size_t>{128});
+   EXPECT_EQ(seam.Requests(), std::vector<size_t>{128});
    DynBuf_Attach(&b, 4, strdup("wxyz"));
    DynBuf_SetSize(&b, 0);
    EXPECT_TRUE(DynBuf_Trim(&b) && b.data == nullptr && b.allocated == 0);
