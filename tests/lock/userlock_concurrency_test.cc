@@ -84,7 +84,9 @@ TYPED_TEST(Lock, MutualExclusionUnderContention) {
    RunThreads(4, [&](int) {
       for (int i = 0; i < 20000; i++) {
          l.Acquire();
+         if (i % 2) l.Acquire();  // the owner re-enters while others wait
          counter++;
+         if (i % 2) l.Release();
          l.Release();
       }
    });
@@ -127,7 +129,7 @@ TYPED_TEST(Lock, TimedWaitTimesOutSignalAndBroadcastWakeWaiters) {
 
 TYPED_TEST(Lock, RacingSingletonCreatorsAllGetTheOneSurvivingLock) {
    size_t before = mx::CountListedLocksForTest();
-   for (int round = 0; round < 20; round++) {
+   for (int round = 0; round < 100; round++) {
       static typename TypeParam::Lock *slot;
       slot = nullptr;
       std::vector<typename TypeParam::Lock *> got(6);

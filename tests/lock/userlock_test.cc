@@ -86,6 +86,15 @@ const std::map<std::string, void (*)()> kFatalCases = {
               "MXUser_DestroyExclLock: Destroy of an acquired exclusive lock\n");
        MXUser_DestroyExclLock(lock);
     }},
+   {"WaitHoldingTheLockTwice", [] {
+       MXUserExclLock *lock = MXUser_CreateExclLock("cv", 0);
+       MXUserCondVar *cv = MXUser_CreateCondVarExclLock(lock);
+       MXUser_AcquireExclLock(lock);
+       MXUser_AcquireExclLock(lock);
+       Expect(Dump(lock, "cv", 0, 2),
+              Fmt("MXUserWaitCondVar: lock cv for condVar (%p) held 2 times\n", cv));
+       MXUser_WaitCondVarExclLock(lock, cv);
+    }},
    {"SerialNumberWrap", [] {
        mx::SetNextSerialNumberForTest(UINT64_MAX);
        MXUser_CreateExclLock("last", 0);
