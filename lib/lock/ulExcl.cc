@@ -74,10 +74,7 @@ void MXUser_DestroyExclLock(MXUserExclLock *lock) {
    }
    lock->recursiveLock.Destroy();
    MXUserRemoveFromList(&lock->header);
-   lock->header.signature = 0;
-   free(lock->header.name);
-   lock->header.name = nullptr;
-   free(lock);
+   MXUserFreeLock(lock);
 }
 
 MXUserExclLock *MXUser_CreateSingletonExclLockInt(MXUserExclLock **lockStorage,

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <pthread.h>
 
 #include "halcyx_base.h"
@@ -194,6 +195,19 @@ bool MXUserIsCorrupt(const Header *header);
 
 void MXUserDumpExclLock(Header *header);
 void MXUserDumpRecLock(Header *header);
+
+/*
+ * Releases a lock's memory once its native lock is gone and it has left the
+ * list. The signature is cleared first, so a stale pointer to the lock is
+ * recognised as corrupt by the dump path rather than trusted.
+ */
+template <typename Lock>
+void MXUserFreeLock(Lock *lock) {
+   lock->header.signature = 0;
+   free(lock->header.name);
+   lock->header.name = nullptr;
+   free(lock);
+}
 
 /*
  * Returns the lock in *storage, making it with create() on first use.

@@ -69,10 +69,7 @@ void MXUserCondDestroyRecLock(MXUserRecLock *lock) {
       lock->recursiveLock.Destroy();
       MXUserRemoveFromList(&lock->header);
    }
-   lock->header.signature = 0;
-   free(lock->header.name);
-   lock->header.name = nullptr;
-   free(lock);
+   MXUserFreeLock(lock);
 }
 
 }  // namespace

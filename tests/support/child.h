@@ -25,9 +25,8 @@ struct ChildResult {
 // only an explicit exit, Panic or signal changes the status.
 ChildResult RunInChild(const std::function<void()> &body);
 
-// The part of a log line after its "YYYY-MM-DDThh:mm:ss.mmm| " stamp, for
-// every stamped entry in text; an entry ends where the next stamp begins.
-// Throws nothing; text that holds no stamp yields no entries.
+// The part of each log entry after its "YYYY-MM-DDThh:mm:ss.mmm| " stamp; an
+// entry ends where the next stamp begins. Text without a stamp has no entries.
 std::vector<std::string> LogEntries(const std::string &text);
 
 }  // namespace halcyx::test
