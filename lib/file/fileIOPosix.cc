@@ -95,7 +95,7 @@ uint32_t FileIOCreateRetry(FileIODescriptor *file, const char *path, uint32_t ac
    file->flags = access;
    FileIO_Init(file, path);
 
-   if ((access & FILEIO_ACCESS_LOCK_ADVISORY) != 0) {
+   if ((access & (FILEIO_ACCESS_LOCK_ADVISORY | FILEIO_ACCESS_LOCK_MANDATORY)) != 0) {
       uint32_t result = FileIO_Lock(file, access);
       if (result != FILEIO_SUCCESS) {
          FailOpen(file);
