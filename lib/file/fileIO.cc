@@ -12,12 +12,9 @@
 #include "fileLock.h"
 #include "internal/fatal.h"
 #include "internal/unique.h"
+#include "err.h"
 #include "log.h"
 #include "util.h"
-
-namespace halcyx::filelock {
-const char *ErrorText(int err);
-}
 
 namespace {
 
@@ -125,7 +122,7 @@ uint32_t FileIO_Lock(FileIODescriptor *fd, uint32_t access) {
       return FILEIO_SUCCESS;
    }
    Warning("FILE: %s on '%s' failed: %s\n", "FileIO_Lock", fd->fileName,
-           err == 0 ? "Lock timed out" : halcyx::filelock::ErrorText(err));
+           err == 0 ? "Lock timed out" : Err_Errno2String(err));
    switch (err) {
    case 0:
    case EROFS: return FILEIO_LOCK_FAILED;
@@ -145,7 +142,7 @@ uint32_t FileIO_Unlock(FileIODescriptor *fd) {
    fd->lockToken = nullptr;
    if (!ok) {
       Warning("FILE: %s on '%s' failed: %s\n", "FileIO_Unlock", fd->fileName,
-              halcyx::filelock::ErrorText(err));
+              Err_Errno2String(err));
       return FILEIO_ERROR;
    }
    return FILEIO_SUCCESS;

@@ -21,19 +21,15 @@
 #include "id.h"
 #include "internal/fatal.h"
 #include "internal/unique.h"
+#include "err.h"
 #include "log.h"
 #include "str.h"
 #include "util.h"
-
-namespace halcyx::filelock {
-const char *ErrorText(int err);
-}
 
 namespace {
 
 using halcyx::ErrnoSaver;
 using halcyx::UniqueCStr;
-using halcyx::filelock::ErrorText;
 
 // open(2) flags of the actions, by action number.
 constexpr int kActionFlags[] = {
@@ -119,7 +115,7 @@ uint32_t FileIOCreateRetry(FileIODescriptor *file, const char *path, uint32_t ac
       int err = errno;
       uint32_t result = FileIOErrno2Result(err);
       if (result == FILEIO_ERROR) {
-         Log("FILE:open error on %s: %s\n", path, ErrorText(err));
+         Log("FILE:open error on %s: %s\n", path, Err_Errno2String(err));
       }
       FailOpen(file);
       errno = err;
@@ -131,7 +127,7 @@ uint32_t FileIOCreateRetry(FileIODescriptor *file, const char *path, uint32_t ac
    if (err != 0) {
       uint32_t result = FileIOErrno2Result(err);
       if (result == FILEIO_ERROR) {
-         Log("FILE:%s error on %s: %s\n", what, path, ErrorText(err));
+         Log("FILE:%s error on %s: %s\n", what, path, Err_Errno2String(err));
       }
       FailOpen(file);
       errno = err;

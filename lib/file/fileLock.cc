@@ -20,21 +20,19 @@
 
 #include "file/fileLockInt.h"
 #include "internal/unique.h"
+#include "err.h"
 #include "log.h"
+#include "msgList.h"
 #include "str.h"
 #include "util.h"
 
 namespace halcyx::filelock {
 
-const char *ErrorText(int err) {
-   return strerror(err);
-}
-
 namespace {
 
 void AppendLockError(MsgList **msgs, int err) {
-   (void)msgs;
-   (void)err;
+   MsgList_Append(msgs, "@&!*@*@(msg.fileLock.posix)A file locking error (%d) has occurred: %s.", err,
+                  Err_Errno2String(err));
 }
 
 constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

@@ -31,6 +31,7 @@
 
 #include "file/fileLockInt.h"
 #include "internal/unique.h"
+#include "err.h"
 #include "log.h"
 #include "str.h"
 #include "userlock.h"
@@ -46,7 +47,6 @@ struct FileLockToken {
 
 namespace halcyx::filelock {
 
-const char *ErrorText(int err);
 
 namespace {
 
@@ -153,7 +153,7 @@ int RemoveLockingFile(const char *lockDir, const char *name) {
       return 0;
    }
    if (err != 0) {
-      Warning("FILE: %s of '%s' failed: %s\n", "FileLockRemoveLockingFile", path.get(), ErrorText(err));
+      Warning("FILE: %s of '%s' failed: %s\n", "FileLockRemoveLockingFile", path.get(), Err_Errno2String(err));
    }
    return err;
 }
@@ -224,14 +224,14 @@ int MemberValues(const char *lockDir, const char *name, LockValues *values) {
        FILEIO_SUCCESS) {
       int err = errno;
       if (err != ENOENT) {
-         Warning("FILE: %s open failure on '%s': %s\n", fn, path.get(), ErrorText(err));
+         Warning("FILE: %s open failure on '%s': %s\n", fn, path.get(), Err_Errno2String(err));
       }
       return err;
    }
    struct stat st;
    if (fstat(handle.fd, &st) != 0) {
       int err = errno;
-      Warning("FILE: %s file size failure on '%s': %s\n", fn, path.get(), ErrorText(err));
+      Warning("FILE: %s file size failure on '%s': %s\n", fn, path.get(), Err_Errno2String(err));
       FileIO_Close(&handle);
       return err;
    }
@@ -247,7 +247,7 @@ int MemberValues(const char *lockDir, const char *name, LockValues *values) {
    int readErr = errno;
    FileIO_Close(&handle);
    if (result != FILEIO_SUCCESS && result != FILEIO_READ_ERROR_EOF) {
-      Warning("FILE: %s read failure on '%s': %s\n", fn, path.get(), ErrorText(readErr));
+      Warning("FILE: %s read failure on '%s': %s\n", fn, path.get(), Err_Errno2String(readErr));
       return readErr;
    }
    if (got != kMemberSize) {
@@ -442,7 +442,7 @@ int CreateEntryDirectory(const char *lockDir, const LockValues *me, Entry *entry
          if (!S_ISDIR(st.st_mode)) {
             if (unlink(lockDir) != 0) {
                int err = errno;
-               Warning("FILE: %s: an attempt to remove '%s' failed: %s\n", fn, lockDir, ErrorText(err));
+               Warning("FILE: %s: an attempt to remove '%s' failed: %s\n", fn, lockDir, Err_Errno2String(err));
                return err;
             }
             Warning("FILE: %s: '%s' is not a directory. Removed.\n", fn, lockDir);
@@ -455,7 +455,7 @@ int CreateEntryDirectory(const char *lockDir, const LockValues *me, Entry *entry
          }
       } else {
          int err = errno;
-         Warning("FILE: %s stat failure on '%s': %s\n", fn, lockDir, ErrorText(err));
+         Warning("FILE: %s stat failure on '%s': %s\n", fn, lockDir, Err_Errno2String(err));
          return err;
       }
 
@@ -476,11 +476,11 @@ int CreateEntryDirectory(const char *lockDir, const LockValues *me, Entry *entry
          }
          err = RemoveDirectory(marker.get());
          if (err != 0) {
-            Warning("FILE: %s unable to remove '%s': %s\n", fn, marker.get(), ErrorText(err));
+            Warning("FILE: %s unable to remove '%s': %s\n", fn, marker.get(), Err_Errno2String(err));
             return err;
          }
       } else if (err != EEXIST && err != ENOENT) {
-         Warning("FILE: %s creation failure on '%s': %s\n", fn, marker.get(), ErrorText(err));
+         Warning("FILE: %s creation failure on '%s': %s\n", fn, marker.get(), Err_Errno2String(err));
          return err;
       }
       if (NowMsec() - me->startMsec >= kProgressLimitMsec) {
@@ -501,7 +501,7 @@ int CreateMemberFile(FileIODescriptor *handle, const Entry &entry, const LockVal
    uint32_t result = FileIO_Write(handle, buffer, sizeof buffer, &written);
    int err = errno;
    if (result != FILEIO_SUCCESS) {
-      Warning("FILE: %s write of '%s' failed: %s\n", fn, entry.writing.get(), ErrorText(err));
+      Warning("FILE: %s write of '%s' failed: %s\n", fn, entry.writing.get(), Err_Errno2String(err));
       FileIO_Close(handle);
       return err != 0 ? err : EIO;
    }
@@ -513,13 +513,13 @@ int CreateMemberFile(FileIODescriptor *handle, const Entry &entry, const LockVal
    }
    if (FileIO_Close(handle) != FILEIO_SUCCESS) {
       err = errno;
-      Warning("FILE: %s close of '%s' failed: %s\n", fn, entry.writing.get(), ErrorText(err));
+      Warning("FILE: %s close of '%s' failed: %s\n", fn, entry.writing.get(), Err_Errno2String(err));
       return err;
    }
    if (rename(entry.writing.get(), entry.member.get()) != 0) {
       err = errno;
       Warning("FILE: %s FileRename of '%s' to '%s' failed: %s\n", fn, entry.writing.get(),
-              entry.member.get(), ErrorText(err));
+              entry.member.get(), Err_Errno2String(err));
       return err;
    }
    return 0;

@@ -14,7 +14,9 @@
 
 #include "child.h"
 #include "file/fileLockInt.h"
+#include "err.h"
 #include "fileLock.h"
+#include "msgList.h"
 
 namespace fs = std::filesystem;
 using namespace halcyx::filelock;
@@ -205,8 +207,16 @@ TEST(LockPath, Normalization) {
    }
    EXPECT_EQ(NormalizePath("/no/such/dir/x"), nullptr);
    int err = 0;
-   EXPECT_EQ(FileLock_Lock("/no/such/dir/x", false, 0, &err, nullptr), nullptr);
+   MsgList *msgs = nullptr;
+   EXPECT_EQ(FileLock_Lock("/no/such/dir/x", false, 0, &err, &msgs), nullptr);
    EXPECT_EQ(err, EINVAL);
+   ASSERT_NE(msgs, nullptr);
+   EXPECT_STREQ(MsgList_GetMsgID(msgs), "msg.fileLock.posix");
+   char *text = MsgList_ToEnglishString(msgs);
+   EXPECT_EQ(std::string(text),
+             std::string("A file locking error (22) has occurred: ") + Err_Errno2String(EINVAL) + ".\n");
+   free(text);
+   MsgList_Free(msgs);
 }
 
 TEST_F(LockDir, SharedLockersShareAndExclusiveOnesExclude) {
