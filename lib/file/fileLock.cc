@@ -296,12 +296,24 @@ bool MachineIDMatch(const char *local, const char *other) {
 }
 
 char *GetExecutionID() {
-   uint64_t start;
+   // Computed once per process; a forked child computes its own.
+   static std::atomic_flag busy = ATOMIC_FLAG_INIT;
+   static int cachedPid;
+   static char cached[64];
    int pid = static_cast<int>(getpid());
-   if (QueryProcessExistence(pid) != 1 || !ProcessStartTime(pid, &start)) {
-      return nullptr;
+   while (busy.test_and_set(std::memory_order_acquire)) {
    }
-   return Str_SafeAsprintf(nullptr, "%d-%llu", pid, static_cast<unsigned long long>(start));
+   if (cachedPid != pid) {
+      uint64_t start;
+      cachedPid = 0;
+      if (QueryProcessExistence(pid) == 1 && ProcessStartTime(pid, &start)) {
+         snprintf(cached, sizeof cached, "%d-%llu", pid, static_cast<unsigned long long>(start));
+         cachedPid = pid;
+      }
+   }
+   char *id = cachedPid == pid ? Util_SafeStrdup(cached) : nullptr;
+   busy.clear(std::memory_order_release);
+   return id;
 }
 
 bool ValidExecutionID(const char *executionID) {
