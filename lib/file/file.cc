@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "file/filePrimitives.h"
+#include "fileIO.h"
 #include "internal/unique.h"
 #include "log.h"
 #include "util.h"
@@ -111,11 +112,7 @@ bool DeleteTree(const char *path, bool contentsOnly) {
 }  // namespace
 
 bool File_Exists(const char *path) {
-   if (path == nullptr) {
-      errno = EFAULT;
-      return false;
-   }
-   return access(path, F_OK) == 0;
+   return FileIO_Access(path, 0 /* existence */) == FILEIO_SUCCESS;
 }
 
 bool File_IsDirectory(const char *path) {
