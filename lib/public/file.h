@@ -219,9 +219,11 @@ bool File_SetFilePermissions(const char *path, int mode);
  * Copies one open regular file completely: its data, then every extended
  * attribute (POSIX ACLs and signatures included), then its mode, owner and
  * times. Both descriptors should be opened with O_NOFOLLOW; dstFd must be
- * open for writing and is truncated to the source's size. On failure the
- * destination is truncated to empty, so that no partial copy is left for
- * the caller to remove, and errno tells why.
+ * open for writing and is truncated to the source's size. A caller without
+ * the right to give files away keeps the copy as its own. On failure the
+ * step and the error are logged, the destination is truncated to empty, so
+ * that no partial copy is left for the caller to remove, and errno tells
+ * why.
  */
 bool File_CopyDescriptorAll(int srcFd, int dstFd);
 

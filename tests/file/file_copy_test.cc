@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <vector>
 
 #include "child.h"
 #include "file.h"
@@ -206,6 +207,9 @@ TEST_F(FileAcrossMounts, FullFileSystemRemovesTheHalfWrittenCopy) {
       _exit(!ok && err == ENOSPC && fstat(out, &st) == 0 && st.st_size == 0 ? 0 : 2);
    });
    EXPECT_EQ(r.ExitCode(), 0) << r.err;
+   EXPECT_EQ(halcyx::test::LogEntries(r.out),
+             std::vector<std::string>{"FILE: File_CopyDescriptorAll: data copy failed: "
+                                      "No space left on device\n"});
 }
 
 TEST_F(FileAcrossMounts, CompleteCopyCarriesAttributesOwnerModeAndTimes) {
