@@ -21,6 +21,7 @@
 #include "fileIO.h"
 #include "internal/unique.h"
 #include "log.h"
+#include "posix.h"
 #include "util.h"
 
 namespace {
@@ -51,7 +52,7 @@ int CreateChainLink(const char *prefix, int mode, bool *created) {
    if (err == EACCES) {
       // Permission to create says nothing about existence; only a name
       // that the effective user can see is taken as already there.
-      if (FilePosixEuidAccess(prefix, F_OK) != 0) {
+      if (Posix_EuidAccess(prefix, F_OK) != 0) {
          return EACCES;
       }
       err = EEXIST;
@@ -64,7 +65,7 @@ int CreateChainLink(const char *prefix, int mode, bool *created) {
 }
 
 bool DeleteTree(const char *path, bool contentsOnly) {
-   if (FilePosixEuidAccess(path, F_OK) != 0) {
+   if (Posix_EuidAccess(path, F_OK) != 0) {
       int err = errno == ENOSYS ? FileAttributes(path, nullptr) : errno;
       if (err == ENOENT || err == ENOTDIR) {
          return true;  // nothing to delete

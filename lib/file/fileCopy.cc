@@ -29,6 +29,7 @@
 #include "internal/unique.h"
 #include "log.h"
 #include "msg.h"
+#include "posix.h"
 
 using halcyx::ErrnoSaver;
 using halcyx::UniqueCStr;
@@ -92,7 +93,7 @@ bool CopyTreeEntry(const std::string &src, const std::string &dst, bool overwrit
       return false;
    }
    if (S_ISLNK(st.st_mode)) {
-      UniqueCStr text(FilePosixReadLink(src.c_str()));
+      UniqueCStr text(Posix_ReadLink(src.c_str()));
       if (text == nullptr || symlink(text.get(), dst.c_str()) != 0) {
          ErrnoSaver keep;
          Msg_Append("@&!*@*@(msg.File.CopyTree.symlink.failure)"
