@@ -53,6 +53,30 @@ bool RecreateSpecial(const char *dst, const struct stat &st, bool overwrite) {
    return mknod(dst, st.st_mode, st.st_rdev) == 0;
 }
 
+// File_Copy with the source opened with the given access bits.
+bool CopyNamed(const char *src, const char *dst, bool overwrite, uint32_t srcAccess) {
+   FileIODescriptor srcFd;
+   FileIO_Invalidate(&srcFd);
+   FileIOResult result = FileIO_Open(&srcFd, src, srcAccess, FILEIO_ACTION_OPEN);
+   if (result != FILEIO_SUCCESS) {
+      ErrnoSaver keep;
+      Msg_Append("@&!*@*@(msg.File.Copy.open.failure)"
+                 "Unable to open the '%s' file for read access: %s.\n\n",
+                 src, FileIO_MsgError(result));
+      return false;
+   }
+   bool copied = File_CopyFromFd(dst, overwrite, &srcFd);
+   int copyErrno = errno;
+   if (FileIO_Close(&srcFd) != FILEIO_SUCCESS) {
+      ErrnoSaver keep;
+      Msg_Append("@&!*@*@(msg.File.Copy.close.failure)Unable to close the '%s' file: %s.\n\n",
+                 src, Err_ErrString());
+      return false;
+   }
+   errno = copyErrno;
+   return copied;
+}
+
 bool CopyTreeEntry(const std::string &src, const std::string &dst, bool overwrite,
                    bool followSymlinks);
 
@@ -106,8 +130,12 @@ bool CopyTreeEntry(const std::string &src, const std::string &dst, bool overwrit
    if (S_ISDIR(st.st_mode)) {
       return CopyTreeWorker(src.c_str(), dst.c_str(), overwrite, followSymlinks);
    }
+   // The entry was examined by name; if it is swapped before the open, a
+   // link is not followed (unless links are) and a FIFO does not block.
+   uint32_t srcAccess = FILEIO_ACCESS_READ | FILEIO_ACCESS_NONBLOCK |
+                        (followSymlinks ? 0 : FILEIO_ACCESS_NOFOLLOW);
    bool copied = IsSpecial(st.st_mode) ? RecreateSpecial(dst.c_str(), st, overwrite)
-                                       : File_Copy(src.c_str(), dst.c_str(), overwrite);
+                                       : CopyNamed(src.c_str(), dst.c_str(), overwrite, srcAccess);
    if (!copied) {
       ErrnoSaver keep;
       Msg_Append("@&!*@*@(msg.File.CopyTree.copy.failure)Unable to copy '%s' to '%s': %s\n\n",
@@ -175,26 +203,7 @@ bool File_CopyFromFd(const char *dstName, bool overwrite, FileIODescriptor *src)
 }
 
 bool File_Copy(const char *src, const char *dst, bool overwrite) {
-   FileIODescriptor srcFd;
-   FileIO_Invalidate(&srcFd);
-   FileIOResult result = FileIO_Open(&srcFd, src, FILEIO_ACCESS_READ, FILEIO_ACTION_OPEN);
-   if (result != FILEIO_SUCCESS) {
-      ErrnoSaver keep;
-      Msg_Append("@&!*@*@(msg.File.Copy.open.failure)"
-                 "Unable to open the '%s' file for read access: %s.\n\n",
-                 src, FileIO_MsgError(result));
-      return false;
-   }
-   bool copied = File_CopyFromFd(dst, overwrite, &srcFd);
-   int copyErrno = errno;
-   if (FileIO_Close(&srcFd) != FILEIO_SUCCESS) {
-      ErrnoSaver keep;
-      Msg_Append("@&!*@*@(msg.File.Copy.close.failure)Unable to close the '%s' file: %s.\n\n",
-                 src, Err_ErrString());
-      return false;
-   }
-   errno = copyErrno;
-   return copied;
+   return CopyNamed(src, dst, overwrite, FILEIO_ACCESS_READ);
 }
 
 bool File_CopyTree(const char *src, const char *dst, bool overwrite, bool followSymlinks) {
