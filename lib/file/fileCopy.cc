@@ -22,6 +22,8 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 #include "err.h"
 #include "file/filePrimitives.h"
@@ -77,72 +79,103 @@ bool CopyNamed(const char *src, const char *dst, bool overwrite, uint32_t srcAcc
    return copied;
 }
 
-bool CopyTreeEntry(const std::string &src, const std::string &dst, bool overwrite,
-                   bool followSymlinks);
+// One tree copy. With links followed, the directories on the way down are
+// remembered, so that a link back up to one of them ends the copy instead
+// of nesting copies until the path is too long.
+class TreeCopy {
+public:
+   TreeCopy(bool overwrite, bool followSymlinks)
+      : overwrite_(overwrite), follow_(followSymlinks) {}
 
-bool CopyTreeWorker(const char *src, const char *dst, bool overwrite, bool followSymlinks) {
-   char **names;
-   int count = File_ListDirectory(src, &names);
-   if (count < 0) {
-      ErrnoSaver keep;
-      Msg_Append("@&!*@*@(msg.File.CopyTree.walk.failure)"
-                 "Unable to access '%s' when copying files.\n\n", src);
-      return false;
-   }
-   if (FileCreateDirectory(dst, 0777) == EEXIST && !File_IsDirectory(dst)) {
-      errno = ENOTDIR;  // told, not fatal: the entries below fail on their own
+   bool Directory(const char *src, const char *dst, const struct stat &st) {
+      ancestors_.emplace_back(st.st_dev, st.st_ino);
+      bool ok = Contents(src, dst);
+      ancestors_.pop_back();
+      return ok;
    }
 
-   bool ok = true;
-   for (int i = 0; i < count; i++) {
-      if (ok) {
-         UniqueCStr srcEntry(File_PathJoin(src, names[i]));
-         UniqueCStr dstEntry(File_PathJoin(dst, names[i]));
-         ok = CopyTreeEntry(srcEntry.get(), dstEntry.get(), overwrite, followSymlinks);
+private:
+   bool IsAncestor(const struct stat &st) const {
+      for (const auto &[dev, ino] : ancestors_) {
+         if (dev == st.st_dev && ino == st.st_ino) {
+            return true;
+         }
       }
-      free(names[i]);
-   }
-   free(names);
-   return ok;
-}
-
-bool CopyTreeEntry(const std::string &src, const std::string &dst, bool overwrite,
-                   bool followSymlinks) {
-   struct stat st;
-   int rc = followSymlinks ? stat(src.c_str(), &st) : lstat(src.c_str(), &st);
-   if (rc != 0) {
-      ErrnoSaver keep;
-      Msg_Append("@&!*@*@(msg.File.CopyTree.stat.failure)"
-                 "Unable to get information on '%s' when copying files.\n\n", src.c_str());
       return false;
    }
-   if (S_ISLNK(st.st_mode)) {
-      UniqueCStr text(Posix_ReadLink(src.c_str()));
-      if (text == nullptr || symlink(text.get(), dst.c_str()) != 0) {
+
+   bool Contents(const char *src, const char *dst) {
+      char **names;
+      int count = File_ListDirectory(src, &names);
+      if (count < 0) {
          ErrnoSaver keep;
-         Msg_Append("@&!*@*@(msg.File.CopyTree.symlink.failure)"
-                    "Unable to symlink '%s' to '%s': %s\n\n",
-                    text != nullptr ? text.get() : "", dst.c_str(), Err_Errno2String(errno));
+         Msg_Append("@&!*@*@(msg.File.CopyTree.walk.failure)"
+                    "Unable to access '%s' when copying files.\n\n", src);
          return false;
       }
-      return true;
+      if (FileCreateDirectory(dst, 0777) == EEXIST && !File_IsDirectory(dst)) {
+         errno = ENOTDIR;  // told, not fatal: the entries below fail on their own
+      }
+
+      bool ok = true;
+      for (int i = 0; i < count; i++) {
+         if (ok) {
+            UniqueCStr srcEntry(File_PathJoin(src, names[i]));
+            UniqueCStr dstEntry(File_PathJoin(dst, names[i]));
+            ok = Entry(srcEntry.get(), dstEntry.get());
+         }
+         free(names[i]);
+      }
+      free(names);
+      return ok;
    }
-   if (S_ISDIR(st.st_mode)) {
-      return CopyTreeWorker(src.c_str(), dst.c_str(), overwrite, followSymlinks);
+
+   bool Entry(const char *src, const char *dst) {
+      struct stat st;
+      if ((follow_ ? stat(src, &st) : lstat(src, &st)) != 0) {
+         ErrnoSaver keep;
+         Msg_Append("@&!*@*@(msg.File.CopyTree.stat.failure)"
+                    "Unable to get information on '%s' when copying files.\n\n", src);
+         return false;
+      }
+      if (S_ISLNK(st.st_mode)) {
+         UniqueCStr text(Posix_ReadLink(src));
+         if (text == nullptr || symlink(text.get(), dst) != 0) {
+            ErrnoSaver keep;
+            Msg_Append("@&!*@*@(msg.File.CopyTree.symlink.failure)"
+                       "Unable to symlink '%s' to '%s': %s\n\n",
+                       text != nullptr ? text.get() : "", dst, Err_Errno2String(errno));
+            return false;
+         }
+         return true;
+      }
+      bool copied;
+      if (S_ISDIR(st.st_mode) && !IsAncestor(st)) {
+         return Directory(src, dst, st);  // an entry below says why it failed
+      } else if (S_ISDIR(st.st_mode)) {
+         errno = ELOOP;
+         copied = false;
+      } else if (IsSpecial(st.st_mode)) {
+         copied = RecreateSpecial(dst, st, overwrite_);
+      } else {
+         // The entry was examined by name; if it is swapped before the open,
+         // a link is not followed (unless links are) and a FIFO does not block.
+         uint32_t access = FILEIO_ACCESS_READ | FILEIO_ACCESS_NONBLOCK |
+                           (follow_ ? 0 : FILEIO_ACCESS_NOFOLLOW);
+         copied = CopyNamed(src, dst, overwrite_, access);
+      }
+      if (!copied) {
+         ErrnoSaver keep;
+         Msg_Append("@&!*@*@(msg.File.CopyTree.copy.failure)Unable to copy '%s' to '%s': %s\n\n",
+                    src, dst, Err_ErrString());
+      }
+      return copied;
    }
-   // The entry was examined by name; if it is swapped before the open, a
-   // link is not followed (unless links are) and a FIFO does not block.
-   uint32_t srcAccess = FILEIO_ACCESS_READ | FILEIO_ACCESS_NONBLOCK |
-                        (followSymlinks ? 0 : FILEIO_ACCESS_NOFOLLOW);
-   bool copied = IsSpecial(st.st_mode) ? RecreateSpecial(dst.c_str(), st, overwrite)
-                                       : CopyNamed(src.c_str(), dst.c_str(), overwrite, srcAccess);
-   if (!copied) {
-      ErrnoSaver keep;
-      Msg_Append("@&!*@*@(msg.File.CopyTree.copy.failure)Unable to copy '%s' to '%s': %s\n\n",
-                 src.c_str(), dst.c_str(), Err_ErrString());
-   }
-   return copied;
-}
+
+   bool overwrite_;
+   bool follow_;
+   std::vector<std::pair<dev_t, ino_t>> ancestors_;
+};
 
 }  // namespace
 
@@ -219,7 +252,11 @@ bool File_CopyTree(const char *src, const char *dst, bool overwrite, bool follow
                  "Destination path '%s' is not a directory.", dst);
       return false;
    }
-   return CopyTreeWorker(src, dst, overwrite, followSymlinks);
+   struct stat st;
+   if (stat(src, &st) != 0) {
+      return false;  // gone since the check above
+   }
+   return TreeCopy(overwrite, followSymlinks).Directory(src, dst, st);
 }
 
 int File_Rename(const char *oldName, const char *newName) {

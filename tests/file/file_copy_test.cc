@@ -102,6 +102,17 @@ TEST(FileCopyTree, LinksAreRecreatedOrFollowedAndSpecialFilesRecreated) {
    EXPECT_EQ(t.Read("followed/a/rel"), "T");
    EXPECT_EQ(t.Read("followed/abs/file"), "A");
 
+   // A link back up to a directory being copied ends the copy.
+   t.Link("..", "src/a/up");
+   ASSERT_EQ(mkdir(t.Path("looped").c_str(), 0755), 0);
+   PendingMessages();
+   EXPECT_FALSE(File_CopyTree(t.Path("src").c_str(), t.Path("looped").c_str(), false, true));
+   EXPECT_EQ(errno, ELOOP);
+   std::string said = PendingMessages();
+   EXPECT_NE(said.find("/up' to '" + t.Path("looped/")), std::string::npos) << said;
+   EXPECT_NE(said.find("': Too many levels of symbolic links"), std::string::npos) << said;
+   ASSERT_EQ(unlink(t.Path("src/a/up").c_str()), 0);
+
    // Copying again without overwriting stops at the first entry that exists.
    PendingMessages();
    EXPECT_FALSE(File_CopyTree(t.Path("src").c_str(), t.Path("followed").c_str(), false, true));
