@@ -196,8 +196,10 @@ bool File_Copy(const char *src, const char *dst, bool overwrite);
 /*
  * Copies the contents of the existing directory src into the existing
  * directory dst. Without followSymlinks, symbolic links are recreated with
- * the same text; with it, what they point to is copied. Stops at the first
- * failing entry; what was copied stays.
+ * the same text; with it, what they point to is copied, and a link back up
+ * to a directory being copied fails with ELOOP. FIFOs, sockets and devices
+ * are recreated, never read. Names that are not valid UTF-8 cannot be
+ * copied. Stops at the first failing entry; what was copied stays.
  */
 bool File_CopyTree(const char *src, const char *dst, bool overwrite, bool followSymlinks);
 
