@@ -75,6 +75,29 @@ TEST(FileCopy, NeverOverwritesUnlessAskedAndNeverThroughALink) {
                                    "@&!*@*@(msg.fileio.notfound)Could not find the file.\n\n");
 }
 
+TEST(FileMove, WithinOneFileSystemIsARename) {
+   TempDir t;
+   t.Write("a", "moved");
+   ASSERT_EQ(chmod(t.Path("a").c_str(), 0751), 0);
+   bool asRename = false;
+   EXPECT_TRUE(File_Move(t.Path("a").c_str(), t.Path("b").c_str(), &asRename));
+   EXPECT_TRUE(asRename);
+   EXPECT_FALSE(t.Exists("a"));
+   struct stat st;
+   ASSERT_EQ(stat(t.Path("b").c_str(), &st), 0);
+   EXPECT_EQ(st.st_mode & 07777, 0751u);  // the same file, not a copy
+
+   auto r = RunInChild([&] {
+      bool ok = File_SetFilePermissions(t.Path("missing").c_str(), 0644);
+      _exit(ok ? 2 : 0);
+   });
+   EXPECT_EQ(r.ExitCode(), 0);
+   EXPECT_EQ(halcyx::test::LogEntries(r.out),
+             std::vector<std::string>{"FILE: File_SetFilePermissions: failed to change "
+                                      "permissions on file \"" + t.Path("missing") +
+                                      "\": No such file or directory\n"});
+}
+
 TEST(FileCopyTree, LinksAreRecreatedOrFollowedAndSpecialFilesRecreated) {
    TempDir t;
    t.Write("src/a/file", "A");
