@@ -30,9 +30,9 @@ TEST(FileUnlink, LinksTakeTheirTargetWithThemUnlessAskedNotTo) {
    // A relative link text names the file beside the link, whatever the
    // current directory holds under the same name.
    t.Link("target", "link");
+   TempDir elsewhere;
+   elsewhere.Write("target", "decoy");
    auto r = halcyx::test::RunInChild([&] {
-      TempDir elsewhere;
-      elsewhere.Write("target", "decoy");
       if (chdir(elsewhere.Path("").c_str()) != 0) {
          _exit(3);
       }
