@@ -18,6 +18,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <memory>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/time.h>
@@ -199,10 +200,15 @@ struct LaunchRequest {
    DaemonizeFail(statusFd, error);
 }
 
-[[noreturn]] void DaemonizeChild(const LaunchRequest &req, int statusFd, int *keep,
+/*
+ * The first child shares the caller's memory (vfork) until it ends, so it
+ * writes nothing the caller owns (the keep list stays the caller's to free)
+ * and makes system calls only, apart from a message when it fails. Its
+ * descriptors, signal actions, timers and limits are its own.
+ */
+[[noreturn]] void DaemonizeChild(const LaunchRequest &req, int statusFd, const int *keep,
                                  size_t numKeep) {
    Hostinfo_ResetProcessState(keep, numKeep);
-   free(keep);
    sigset_t none;
    sigemptyset(&none);
    sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -220,6 +226,18 @@ struct LaunchRequest {
       _exit(0);
    }
    DaemonizeGrandchild(req, statusFd);
+}
+
+// The first child lives only to start a session and fork the daemon, so
+// copying our address space for it (fork) would be wasted work. Kept apart
+// so that nothing of the caller's frame is live across the vfork.
+__attribute__((noinline)) pid_t StartFirstChild(const LaunchRequest &req, int statusFd,
+                                                const int *keep, size_t numKeep) {
+   pid_t child = vfork();
+   if (child == 0) {
+      DaemonizeChild(req, statusFd, keep, numKeep);
+   }
+   return child;
 }
 
 // Everything between the PID file and its fate: returns 0 when the daemon
@@ -270,14 +288,17 @@ int DaemonizeLaunch(const char *path, char const *const *args, uint32_t flags,
 
    const LaunchRequest req = {nativePath.get(), nativeArgs.get(), flags, pidPath,
                               pidFd,            keepFds,          numKeepFds};
-   pid_t child = fork();
+   // No handler of ours may run in the first child while it shares our
+   // memory: every signal stays blocked until it has reset them all.
+   sigset_t all, saved;
+   sigfillset(&all);
+   pthread_sigmask(SIG_SETMASK, &all, &saved);
+   pid_t child = StartFirstChild(req, writeEnd.get(), keep.get(), numKeep);
+   int forkError = errno;
+   pthread_sigmask(SIG_SETMASK, &saved, nullptr);
    if (child < 0) {
-      int error = errno;
-      Warning("%s: Couldn't fork first child, error %u.\n", kTag, error);
-      return error;
-   }
-   if (child == 0) {
-      DaemonizeChild(req, writeEnd.get(), keep.get(), numKeep);
+      Warning("%s: Couldn't fork first child, error %u.\n", kTag, forkError);
+      return forkError;
    }
    writeEnd.reset();
 
