@@ -11,6 +11,7 @@
 #include "location.h"
 #include "probe_report.h"
 #include "setuid_install.h"
+#include "temp_dir.h"
 
 using namespace halcyx::test;
 namespace fs = std::filesystem;
@@ -60,15 +61,8 @@ TEST(LocationKeys, SubPathsAreExactAndUnknownKeysAreNull) {
    EXPECT_EQ(Location_GetSubPath(""), nullptr);
 }
 
-class LocationRoot : public ::testing::Test {
+class LocationRoot : public TempDirTest {
 protected:
-   void SetUp() override {
-      std::string pattern = (fs::temp_directory_path() / "halcyx-loc-XXXXXX").string();
-      ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-      dir_ = fs::canonical(pattern);
-   }
-   void TearDown() override { fs::remove_all(dir_); }
-
    // The probe at program (reached through whatever link) looks key up
    // under tag, with the environment variable set.
    static ChildResult Locate(const fs::path &program, const char *tag, const char *key) {
@@ -80,7 +74,6 @@ protected:
       });
    }
 
-   fs::path dir_;
 };
 
 TEST_F(LocationRoot, KnownTagsStripTheirUpCountFromTheRealExecutablePath) {

@@ -14,6 +14,7 @@
 
 #include "child.h"
 #include "hostinfo.h"
+#include "temp_dir.h"
 
 using namespace halcyx::test;
 namespace fs = std::filesystem;
@@ -25,16 +26,11 @@ std::string Slurp(const fs::path &path) {
    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-class Daemonize : public ::testing::Test {
+class Daemonize : public TempDirTest {
 protected:
-   void SetUp() override {
-      std::string pattern = (fs::temp_directory_path() / "halcyx-daemonize-XXXXXX").string();
-      ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-      dir_ = pattern;
-   }
    void TearDown() override {
       Release();
-      fs::remove_all(dir_);
+      TempDirTest::TearDown();
    }
 
    // A fresh pair of pipes for the next daemon, all ends close-on-exec
@@ -79,7 +75,6 @@ protected:
       report_[0] = hold_[1] = -1;
    }
 
-   fs::path dir_;
    int report_[2] = {-1, -1}, hold_[2] = {-1, -1}, kept_[4] = {-1, -1, -1, -1};
 };
 

@@ -7,21 +7,15 @@
 #include <unistd.h>
 
 #include "posix.h"
+#include "temp_dir.h"
+
+using halcyx::test::TempDirTest;
 
 namespace fs = std::filesystem;
 
 namespace {
 
-class PosixPaths : public ::testing::Test {
-protected:
-   void SetUp() override {
-      std::string pattern = (fs::temp_directory_path() / "halcyx-posix-XXXXXX").string();
-      ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-      dir_ = fs::canonical(pattern);
-   }
-   void TearDown() override { fs::remove_all(dir_); }
-   fs::path dir_;
-};
+using PosixPaths = TempDirTest;
 
 TEST_F(PosixPaths, ReadLinkReturnsTargetsOfAnyLengthAndRealPathResolves) {
    // The first buffer holds 2048 bytes and grows by 1024: targets at and
