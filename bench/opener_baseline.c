@@ -1,14 +1,17 @@
 /*
  * The opener's hot path and nothing else, as the lower bound for the
- * opener benchmark: scrub the environment, lower and raise the effective
- * user ID, take the lock, connect, release the lock, then greeting,
- * descriptor and verdict. No log, no location, no checks beyond the exit
- * status. Built statically from the sandbox's fixed paths and installed
+ * opener benchmark: the same system calls in the same order (scrub the
+ * environment, lower the effective user ID, the time-stamped start line,
+ * raise, lock, connect, release the lock, lower, then greeting, descriptor
+ * and verdict), with none of the opener's checks or messages. Built statically from the sandbox's fixed paths and installed
  * set-user-ID root only inside the benchmark's private sandbox.
  */
 #include <fcntl.h>
 #include <stdlib.h>
+#include <stdio.h>
 #include <string.h>
+#include <sys/time.h>
+#include <time.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -47,6 +50,20 @@ int main(int argc, char **argv) {
    seteuid(getuid());
    umask(022);
    int fd = argc == 2 ? atoi(argv[1]) : 0;
+
+   struct timeval tv;
+   struct tm tm;
+   char text[128];
+   gettimeofday(&tv, NULL);
+   localtime_r(&tv.tv_sec, &tm);
+   int n = snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03d| ", tm.tm_year + 1900,
+                    tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+                    (int)(tv.tv_usec / 1000));
+   write(1, text, (size_t)n);
+   write(1, "", 0);
+   n = snprintf(text, sizeof text, "ServiceImpl_Opener: PID %u\n", (unsigned)getpid());
+   write(1, text, (size_t)n);
+   fcntl(fd, F_GETFD);
 
    seteuid(root);
    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
