@@ -137,15 +137,6 @@ int PickSockSide(const char *lockPath, const char *socketPath, bool *listener) {
    return sock;
 }
 
-// Makes fd survive into the daemon; everything else of ours is close-on-exec.
-bool Inheritable(int fd) {
-   if (fcntl(fd, F_SETFD, 0) != 0) {
-      Warning("%s: fcntl errno %d.\n", kStartTag, errno);
-      return false;
-   }
-   return true;
-}
-
 /*
  * Listening side: lets the callback prepare the daemon, starts it with the
  * listening socket and a fresh watch pipe's read end, then gives up our
@@ -169,7 +160,8 @@ bool StartDaemon(const char *daemonPath, int *sock, int *watch) {
    if (pipe2(pipeFds, O_CLOEXEC) != 0) {
       Warning("%s: pipe errno %d.\n", kStartTag, errno);
       pipeFds[0] = pipeFds[1] = -1;
-   } else if (Inheritable(*sock) && Inheritable(pipeFds[0])) {
+   } else {
+      // Both survive the exec under these numbers although close-on-exec here.
       Str_Sprintf(pipeText, sizeof pipeText, "%d", pipeFds[0]);
       const char *args[] = {daemonPath, sockText, pipeText, nullptr};
       const int keep[] = {*sock, pipeFds[0]};
