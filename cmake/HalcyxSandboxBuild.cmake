@@ -26,6 +26,7 @@ ExternalProject_Add(halcyx_sandbox
              -DCMAKE_EXE_LINKER_FLAGS=${CMAKE_EXE_LINKER_FLAGS}
              -DHALCYX_SANITIZE=${HALCYX_SANITIZE}
              -DHALCYX_WERROR=${HALCYX_WERROR}
+             -DHALCYX_OPENER_STATIC=${HALCYX_OPENER_STATIC}
   BUILD_COMMAND ${CMAKE_COMMAND} --build ${HALCYX_SANDBOX_BINARY_DIR}
                 --target halcyx-opener halcyx-services-daemon
   INSTALL_COMMAND ""
