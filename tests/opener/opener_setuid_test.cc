@@ -160,17 +160,17 @@ protected:
       return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
    }
 
-   // Lines of the daemon's log matching re, waiting up to 5 s for at least n.
-   static std::vector<std::smatch> DaemonLog(const std::string &re, size_t n = 0) {
-      static std::string text;
-      std::vector<std::smatch> found;
+   // The matches of re in the daemon's log (each as its whole text and its
+   // groups), waiting up to 5 s for at least n of them.
+   static std::vector<std::vector<std::string>> DaemonLog(const std::string &re, size_t n = 0) {
+      std::vector<std::vector<std::string>> found;
+      const std::regex pattern(re);
       for (int i = 0; i < 100; i++) {
-         text = Slurp(kDaemonLog);
+         std::string text = Slurp(kDaemonLog);
          found.clear();
-         std::regex pattern(re);
          for (auto it = std::sregex_iterator(text.begin(), text.end(), pattern);
               it != std::sregex_iterator(); ++it) {
-            found.push_back(*it);
+            found.emplace_back(it->begin(), it->end());
          }
          if (found.size() >= n) {
             break;
@@ -190,9 +190,8 @@ protected:
    static inline int sSpawned;
 };
 
-// A file the opener hands over, opened by the caller, and what the daemon
-// logged about the descriptor it received from pid.
-// The descriptor was handed over while the opener ran as the caller.
+// What the daemon logs about the descriptor it received from pid, handed
+// over while the opener ran as the caller.
 std::string Passed(pid_t pid, uid_t caller) {
    std::string uid = std::to_string(caller);
    return "pid " + std::to_string(pid) + " \\(uid " + uid + ", euid " + uid +
@@ -243,7 +242,7 @@ TEST_F(SandboxedOpener, DescriptorModeHandsOverTheCallersOwnObject) {
       auto passed = DaemonLog(Passed(pid, sNobody));
       if (c.expectedFd < 0) {
          EXPECT_EQ(status, 1);
-         EXPECT_TRUE(passed.empty()) << passed[0].str();
+         EXPECT_TRUE(passed.empty()) << passed[0][0];
          EXPECT_NE(Slurp(out).find("Warning: ServiceImplSendFd: sendmsg errno " +
                                    std::to_string(EBADF) + ".\n"),
                    std::string::npos)
