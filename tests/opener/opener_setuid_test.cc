@@ -348,6 +348,9 @@ TEST_F(SandboxedOpener, ShellModePipeEndsExactlyWhenTheOpenerDies) {
    pid_t opener = Spawn({});
    ASSERT_EQ(DaemonLog("watching the liveness pipe of pid " + std::to_string(opener), 1).size(),
              1u);
+   // It started the daemon, and its rendezvous is over: the watch pipe ends
+   // although the opener lives on.
+   EXPECT_EQ(DaemonLog("the opener that started this daemon has finished", 1).size(), 1u);
    usleep(300000);
    const std::string closed = "liveness pipe of pid " + std::to_string(opener) + " closed";
    EXPECT_TRUE(DaemonLog(closed).empty()) << "pipe ended while the opener lived";
