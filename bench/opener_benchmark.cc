@@ -5,7 +5,7 @@
 // private tmpfs sandbox in this process's own mount namespace.
 //
 //   BM_HotPath/{baseline,halcyx}/1            one process at a time, its CPU time
-//   BM_Concurrent/{baseline,halcyx}/{8,64}    that many started at once, wall clock
+//   BM_Concurrent/{baseline,halcyx}/{1,8,64}  that many started at once, wall clock
 //
 // Needs root to set the sandbox up; the measurements run as "nobody".
 // scripts/bench-ratios.sh build/bench/opener_benchmark prints the ratios.
@@ -86,9 +86,9 @@ void Run(benchmark::State &state, const fs::path *program) {
 BENCHMARK_CAPTURE(Run, baseline, &kBaseline)->Name("BM_HotPath/baseline")->Arg(1)->UseManualTime();
 BENCHMARK_CAPTURE(Run, halcyx, &kOpener)->Name("BM_HotPath/halcyx")->Arg(1)->UseManualTime();
 BENCHMARK_CAPTURE(Run, baseline, &kBaseline)
-   ->Name("BM_Concurrent/baseline")->Arg(8)->Arg(64)->UseRealTime();
+   ->Name("BM_Concurrent/baseline")->Arg(1)->Arg(8)->Arg(64)->UseRealTime();
 BENCHMARK_CAPTURE(Run, halcyx, &kOpener)
-   ->Name("BM_Concurrent/halcyx")->Arg(8)->Arg(64)->UseRealTime();
+   ->Name("BM_Concurrent/halcyx")->Arg(1)->Arg(8)->Arg(64)->UseRealTime();
 
 // Private tmpfs over the sandbox directory, programs installed, daemon
 // started by a first opener; then this process becomes "nobody".
