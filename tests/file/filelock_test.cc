@@ -205,16 +205,19 @@ TEST(LockPath, Normalization) {
       EXPECT_EQ(n, c.out) << c.in;
       free(n);
    }
-   EXPECT_EQ(NormalizePath("/no/such/dir/x"), nullptr);
+   // Failures reach the caller's message list, newest first.
    int err = 0;
    MsgList *msgs = nullptr;
-   EXPECT_EQ(FileLock_Lock("/no/such/dir/x", false, 0, &err, &msgs), nullptr);
+   EXPECT_EQ(FileLock_Lock(nullptr, false, 0, &err, &msgs), nullptr);
    EXPECT_EQ(err, EINVAL);
+   EXPECT_EQ(FileLock_Lock("/no/such/dir/x", false, 0, &err, &msgs), nullptr);
+   EXPECT_EQ(err, ENOENT);
    ASSERT_NE(msgs, nullptr);
    EXPECT_STREQ(MsgList_GetMsgID(msgs), "msg.fileLock.posix");
    char *text = MsgList_ToEnglishString(msgs);
    EXPECT_EQ(std::string(text),
-             std::string("A file locking error (22) has occurred: ") + Err_Errno2String(EINVAL) + ".\n");
+             std::string("A file locking error (2) has occurred: ") + Err_Errno2String(ENOENT) +
+                ".\nA file locking error (22) has occurred: " + Err_Errno2String(EINVAL) + ".\n");
    free(text);
    MsgList_Free(msgs);
 }
