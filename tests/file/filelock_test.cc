@@ -278,6 +278,20 @@ TEST_F(LockDir, LeftoversAreCleared) {
        },
        true},
       {"lock path is a regular file", [](LockDir *t) { std::ofstream(t->lck_) << "x"; }, false},
+      {"lock path is a link to a directory",
+       [](LockDir *t) {
+          fs::create_directories(t->dir_ + "/elsewhere/keep");
+          fs::create_directory_symlink(t->dir_ + "/elsewhere", t->lck_);
+       },
+       false},
+      {"member is a link to another file",
+       [](LockDir *t) {
+          std::ofstream(t->dir_ + "/secret", std::ios::binary) << std::string(512, 's');
+          fs::create_directories(t->lck_);
+          fs::create_symlink(t->dir_ + "/secret", t->lck_ + "/M00006.lck");
+       },
+       false},
+      {"member is a FIFO", [](LockDir *t) { fs::create_directories(t->lck_); mkfifo((t->lck_ + "/M00007.lck").c_str(), 0644); }, false},
    };
    for (const auto &c : cases) {
       auto r = RunInChild([&] {
@@ -293,8 +307,11 @@ TEST_F(LockDir, LeftoversAreCleared) {
          ASSERT_EQ(left.size(), 1u) << c.what;
          EXPECT_EQ(left[0][0], 'M') << c.what;
       }
+      EXPECT_EQ(r.out.find("'ssss"), std::string::npos) << "another file's contents logged";
       fs::remove_all(lck_);
    }
+   EXPECT_TRUE(fs::exists(dir_ + "/elsewhere/keep"));
+   EXPECT_EQ(fs::file_size(dir_ + "/secret"), 512u);
 }
 
 TEST_F(LockDir, ReadOnlyLocationGivesImplicitReadLock) {
