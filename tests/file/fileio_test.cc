@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "child.h"
+#include "file_test_util.h"
 #include "fileIO.h"
 #include "fileLock.h"
 
@@ -23,16 +24,10 @@ namespace {
 
 class Handles : public ::testing::Test {
 protected:
-   void SetUp() override {
-      char tmpl[] = "/tmp/fileio_test.XXXXXX";
-      ASSERT_NE(mkdtemp(tmpl), nullptr);
-      dir_ = tmpl;
-      existing_ = dir_ + "/existing";
-      std::ofstream(existing_) << "abcd";
-   }
-   void TearDown() override { fs::remove_all(dir_); }
+   void SetUp() override { tmp_.Write("existing", "abcd"); }
 
-   std::string dir_, existing_;
+   halcyx::test::TempDir tmp_;
+   std::string dir_ = tmp_.Path(""), existing_ = tmp_.Path("existing");
 };
 
 struct HookCall {

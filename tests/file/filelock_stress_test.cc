@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "file_test_util.h"
 #include "fileLock.h"
 
 namespace fs = std::filesystem;
@@ -74,9 +75,8 @@ bool Conflicts(Shared *s, int self, int mine) {
 }
 
 TEST(LockFileContention, KilledLockersNeverBreakExclusion) {
-   char tmpl[] = "/tmp/filelock_stress.XXXXXX";
-   ASSERT_NE(mkdtemp(tmpl), nullptr);
-   std::string path = std::string(tmpl) + "/shared";
+   halcyx::test::TempDir tmp;
+   std::string path = tmp.Path("shared");
    auto *s = static_cast<Shared *>(
       mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
    ASSERT_NE(s, MAP_FAILED);
@@ -141,7 +141,6 @@ TEST(LockFileContention, KilledLockersNeverBreakExclusion) {
    EXPECT_TRUE(FileLock_Unlock(last, &err, nullptr));
    EXPECT_FALSE(fs::exists(path + ".lck"));
    munmap(s, sizeof(Shared));
-   fs::remove_all(tmpl);
 }
 
 }  // namespace

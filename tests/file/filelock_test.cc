@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "child.h"
+#include "file_test_util.h"
 #include "file/fileLockInt.h"
 #include "err.h"
 #include "fileLock.h"
@@ -36,18 +37,8 @@ std::string DeadExecutionID() {
 
 class LockDir : public ::testing::Test {
 public:
-   void SetUp() override {
-      char tmpl[] = "/tmp/filelock_test.XXXXXX";
-      ASSERT_NE(mkdtemp(tmpl), nullptr);
-      dir_ = tmpl;
-      path_ = dir_ + "/target";
-      lck_ = path_ + ".lck";
-   }
-   void TearDown() override {
-      std::error_code ec;
-      fs::permissions(dir_, fs::perms::owner_all, ec);
-      fs::remove_all(dir_, ec);
-   }
+   halcyx::test::TempDir tmp_;
+   std::string dir_ = tmp_.Path(""), path_ = dir_ + "/target", lck_ = path_ + ".lck";
 
    // A member file as another locker would leave it.
    void PlantMember(const std::string &name, const std::string &text, size_t size = kMemberSize) {
@@ -68,8 +59,6 @@ public:
       }
       return names;
    }
-
-   std::string dir_, path_, lck_;
 };
 
 TEST(MemberFormat, ParsesValidRecordsAndRejectsProblematicOnes) {
