@@ -633,6 +633,9 @@ FileLockToken *LockIntrinsic(const char *path, bool exclusive, uint32_t msecMaxW
 }
 
 int UnlockIntrinsic(FileLockToken *token) {
+   if (token == nullptr || token->signature != kTokenSignature) {
+      return EINVAL;  // not a token, or one already released
+   }
    int err = 0;
    if (token->memberPath != &gImplicitReadLock) {
       err = unlink(token->memberPath) == 0 ? 0 : errno;
