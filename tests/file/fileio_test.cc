@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
+#include <pwd.h>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include "child.h"
+#include "setuid_install.h"
 #include "file_test_util.h"
 #include "fileIO.h"
 #include "fileLock.h"
@@ -137,6 +139,20 @@ TEST_F(Handles, FatalMisuse) {
       ASSERT_EQ(entries.size(), 1u) << r.out;
       EXPECT_EQ(entries[0], std::string("Panic: ") + c.message);
    }
+}
+
+// Without a hook, a privileged open raises to root for the open alone.
+TEST(PrivilegedOpen, SuperUserOnlyForTheOpen) {
+   halcyx::test::SetuidInstall install(PROBE_PATH, SCRATCH_DIR);
+   if (install.Path().empty()) {
+      GTEST_SKIP() << "needs root and a file system that honours set-user-ID";
+   }
+   std::string secret = install.Dir() + "/root-only";
+   std::ofstream(secret) << "s";
+   ASSERT_EQ(chmod(secret.c_str(), 0600), 0);
+   auto r = halcyx::test::RunAsNobody(install.Path(), {"fileio_probe", secret});
+   ASSERT_EQ(r.ExitCode(), 0) << "126: no identity change, 127: no exec\n" << r.err;
+   EXPECT_EQ(r.out, "plain 7\nprivileged 0\neuid " + std::to_string(getpwnam("nobody")->pw_uid) + "\n");
 }
 
 TEST(HandleMessages, TextsOfResults) {
