@@ -18,8 +18,10 @@
 #include <unistd.h>
 
 #include "file/filePrimitives.h"
+#include "fileIO.h"
 #include "internal/unique.h"
 #include "log.h"
+#include "posix.h"
 #include "util.h"
 
 namespace {
@@ -50,7 +52,7 @@ int CreateChainLink(const char *prefix, int mode, bool *created) {
    if (err == EACCES) {
       // Permission to create says nothing about existence; only a name
       // that the effective user can see is taken as already there.
-      if (FilePosixEuidAccess(prefix, F_OK) != 0) {
+      if (Posix_EuidAccess(prefix, F_OK) != 0) {
          return EACCES;
       }
       err = EEXIST;
@@ -63,7 +65,7 @@ int CreateChainLink(const char *prefix, int mode, bool *created) {
 }
 
 bool DeleteTree(const char *path, bool contentsOnly) {
-   if (FilePosixEuidAccess(path, F_OK) != 0) {
+   if (Posix_EuidAccess(path, F_OK) != 0) {
       int err = errno == ENOSYS ? FileAttributes(path, nullptr) : errno;
       if (err == ENOENT || err == ENOTDIR) {
          return true;  // nothing to delete
@@ -111,11 +113,7 @@ bool DeleteTree(const char *path, bool contentsOnly) {
 }  // namespace
 
 bool File_Exists(const char *path) {
-   if (path == nullptr) {
-      errno = EFAULT;
-      return false;
-   }
-   return access(path, F_OK) == 0;
+   return FileIO_Access(path, 0 /* existence */) == FILEIO_SUCCESS;
 }
 
 bool File_IsDirectory(const char *path) {

@@ -14,8 +14,9 @@
  *      with the source;
  *   5. access and modification times, last, because every step before
  *      changes them.
- * A failure at any step truncates the destination to empty, so no partial
- * copy can be mistaken for a whole one, and leaves errno telling why.
+ * A failure at any step is logged with the step and the error, truncates
+ * the destination to empty, so no partial copy can be mistaken for a whole
+ * one, and leaves errno telling why.
  */
 #include "file.h"
 
@@ -27,7 +28,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "err.h"
 #include "internal/unique.h"
+#include "log.h"
 
 namespace {
 
@@ -143,18 +146,35 @@ bool CopyAttributes(int srcFd, int dstFd) {
 
 bool File_CopyDescriptorAll(int srcFd, int dstFd) {
    struct stat st;
-   bool ok = fstat(srcFd, &st) == 0 && CopyData(srcFd, dstFd);
-   // Only a privileged caller may give a file away; any other keeps the
-   // copy as its own, as it could have made it.
-   ok = ok && (fchown(dstFd, st.st_uid, st.st_gid) == 0 || errno == EPERM);
-   ok = ok && CopyAttributes(srcFd, dstFd);
-   ok = ok && fchmod(dstFd, st.st_mode & 07777) == 0;
+   const char *step = "fstat";
+   bool ok = fstat(srcFd, &st) == 0;
    if (ok) {
+      step = "data copy";
+      ok = CopyData(srcFd, dstFd);
+   }
+   if (ok) {
+      // Only a privileged caller may give a file away; any other keeps the
+      // copy as its own, as it could have made it.
+      step = "fchown";
+      ok = fchown(dstFd, st.st_uid, st.st_gid) == 0 || errno == EPERM;
+   }
+   if (ok) {
+      step = "extended attribute copy";
+      ok = CopyAttributes(srcFd, dstFd);
+   }
+   if (ok) {
+      step = "fchmod";
+      ok = fchmod(dstFd, st.st_mode & 07777) == 0;
+   }
+   if (ok) {
+      step = "futimens";
       const struct timespec times[2] = {st.st_atim, st.st_mtim};
       ok = futimens(dstFd, times) == 0;
    }
    if (!ok) {
       halcyx::ErrnoSaver keep;
+      Log("FILE: %s: %s failed: %s\n", "File_CopyDescriptorAll", step,
+          Err_Errno2String(errno));
       (void)!ftruncate(dstFd, 0);
    }
    return ok;

@@ -32,6 +32,7 @@
 #include "internal/unique.h"
 #include "log.h"
 #include "msg.h"
+#include "posix.h"
 #include "util.h"
 
 using halcyx::UniqueCStr;
@@ -169,7 +170,7 @@ char *File_FullPath(const char *path) {
       }
    }
 
-   if (char *real = FilePosixRealPath(full.c_str()); real != nullptr) {
+   if (char *real = Posix_RealPath(full.c_str()); real != nullptr) {
       return real;
    }
 
@@ -188,7 +189,7 @@ char *File_FullPath(const char *path) {
    if (ancestor.empty()) {
       ancestor = full[0] == '/' ? "/" : ".";
    }
-   if (UniqueCStr real(FilePosixRealPath(ancestor.c_str())); real != nullptr) {
+   if (UniqueCStr real(Posix_RealPath(ancestor.c_str())); real != nullptr) {
       return File_PathJoin(real.get(), full.c_str() + std::min(ancestor.size(), full.size()));
    }
    return File_StripFwdSlashes(full.c_str());

@@ -22,6 +22,7 @@
 #include "hashTable.h"
 #include "internal/unique.h"
 #include "log.h"
+#include "posix.h"
 #include "unicode.h"
 #include "util.h"
 
@@ -57,34 +58,6 @@ struct WalkDirContextImpl {
    HashTable *seen;  // names returned so far (copied keys)
    bool raw;         // names as stored, valid UTF-8 or not
 };
-
-char *FilePosixRealPath(const char *path) {
-   return path == nullptr ? nullptr : realpath(path, nullptr);
-}
-
-char *FilePosixReadLink(const char *path) {
-   if (path == nullptr) {
-      errno = EFAULT;
-      return nullptr;
-   }
-   // A link's size from lstat can be stale or 0 (some pseudo file
-   // systems), so grow until the text fits with room to spare.
-   for (size_t size = 256;; size *= 2) {
-      UniqueCStr buf(static_cast<char *>(Util_SafeMalloc(size)));
-      ssize_t n = readlink(path, buf.get(), size);
-      if (n < 0) {
-         return nullptr;
-      }
-      if (static_cast<size_t>(n) < size) {
-         buf.get()[n] = '\0';
-         return buf.release();
-      }
-   }
-}
-
-int FilePosixEuidAccess(const char *path, int mode) {
-   return faccessat(AT_FDCWD, path, mode, AT_EACCESS);
-}
 
 int FileAttributes(const char *path, FileData *fileData) {
    struct stat st;
@@ -122,7 +95,7 @@ int FileDeletion(const char *path, bool handleLink) {
       return EFAULT;
    }
    if (handleLink) {
-      if (UniqueCStr target(FilePosixReadLink(path)); target != nullptr) {
+      if (UniqueCStr target(Posix_ReadLink(path)); target != nullptr) {
          // A relative link text names a file beside the link, never one
          // below the current directory.
          std::string pointee = target.get();

@@ -51,16 +51,6 @@ int FileRemoveDirectory(const char *path);
 int FileDeletion(const char *path, bool handleLink);
 
 /*
- * The file layer's seam over the host's path queries: the canonical path
- * (null on failure), the text of a symbolic link (null, errno EINVAL for a
- * name that is not a link), and an access test with the effective IDs
- * (0 or -1 with errno).
- */
-char *FilePosixRealPath(const char *path);
-char *FilePosixReadLink(const char *path);
-int FilePosixEuidAccess(const char *path, int mode);
-
-/*
  * As File_ListDirectory, but names that are not valid UTF-8 are listed as
  * they are stored, for work that must reach every entry (tree deletion).
  */

@@ -196,8 +196,10 @@ bool File_Copy(const char *src, const char *dst, bool overwrite);
 /*
  * Copies the contents of the existing directory src into the existing
  * directory dst. Without followSymlinks, symbolic links are recreated with
- * the same text; with it, what they point to is copied. Stops at the first
- * failing entry; what was copied stays.
+ * the same text; with it, what they point to is copied, and a link back up
+ * to a directory being copied fails with ELOOP. FIFOs, sockets and devices
+ * are recreated, never read. Names that are not valid UTF-8 cannot be
+ * copied. Stops at the first failing entry; what was copied stays.
  */
 bool File_CopyTree(const char *src, const char *dst, bool overwrite, bool followSymlinks);
 
@@ -219,9 +221,11 @@ bool File_SetFilePermissions(const char *path, int mode);
  * Copies one open regular file completely: its data, then every extended
  * attribute (POSIX ACLs and signatures included), then its mode, owner and
  * times. Both descriptors should be opened with O_NOFOLLOW; dstFd must be
- * open for writing and is truncated to the source's size. On failure the
- * destination is truncated to empty, so that no partial copy is left for
- * the caller to remove, and errno tells why.
+ * open for writing and is truncated to the source's size. A caller without
+ * the right to give files away keeps the copy as its own. On failure the
+ * step and the error are logged, the destination is truncated to empty, so
+ * that no partial copy is left for the caller to remove, and errno tells
+ * why.
  */
 bool File_CopyDescriptorAll(int srcFd, int dstFd);
 

@@ -30,9 +30,9 @@ TEST(FileUnlink, LinksTakeTheirTargetWithThemUnlessAskedNotTo) {
    // A relative link text names the file beside the link, whatever the
    // current directory holds under the same name.
    t.Link("target", "link");
+   TempDir elsewhere;
+   elsewhere.Write("target", "decoy");
    auto r = halcyx::test::RunInChild([&] {
-      TempDir elsewhere;
-      elsewhere.Write("target", "decoy");
       if (chdir(elsewhere.Path("").c_str()) != 0) {
          _exit(3);
       }
@@ -88,7 +88,8 @@ TEST(FileDirectories, HierarchyReportsTheFirstDirectoryItCreated) {
    EXPECT_TRUE(File_IsDirectory(t.Path("a/b/c").c_str()));
 
    // Nothing new: success, and no first directory.
-   first = strdup("stale");
+   char stale[] = "stale";
+   first = stale;
    EXPECT_TRUE(File_CreateDirectoryHierarchyEx(t.Path("a/b").c_str(), 0750, &first));
    EXPECT_EQ(first, nullptr);
    EXPECT_TRUE(File_CreateDirectoryHierarchyEx("", 0750, nullptr));
@@ -96,7 +97,8 @@ TEST(FileDirectories, HierarchyReportsTheFirstDirectoryItCreated) {
    // A plain file in the chain stops it with ENOTDIR.
    t.Write("a/b/file", "");
    auto r = halcyx::test::RunInChild([&] {
-      char *made = strdup("stale");
+      char stale[] = "stale";
+      char *made = stale;
       bool ok = File_CreateDirectoryHierarchyEx(t.Path("a/b/file/y").c_str(), 0750, &made);
       _exit(!ok && errno == ENOTDIR && made == nullptr ? 0 : 2);
    });

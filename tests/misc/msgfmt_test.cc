@@ -192,7 +192,7 @@ TEST(MsgFmtCapture, PositionsTypesAndOwnedCopies) {
 
 TEST(MsgFmtAsprintf, MatchesTheEngine) {
    EXPECT_REFORMATS("%d|%-5ld|%llu|%#x|%zu|%hd|%'d|%+.3i", -42, 7L, 1ULL << 63, 255u, size_t{9},
-                    3, 1234567, 5);
+                    short{3}, 1234567, 5);
    EXPECT_REFORMATS("%.3f|%g|%e|%10.2E|%G", 3.14159, 1e-7, 12345.678, -0.5, 1e300);
    EXPECT_REFORMATS("%s|%.2s|%ls|%c|%p|%-6S|%s", "abc", "xyz", L"\u00e9t\u00e9", 'q',
                     reinterpret_cast<void *>(0xabc), L"w", static_cast<char *>(nullptr));

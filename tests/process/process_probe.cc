@@ -11,6 +11,12 @@
 
 #include "hostinfo.h"
 #include "id.h"
+#include "internal/location.h"
+#include "location.h"
+
+// Set-user-ID processes cannot be stopped by the leak checker of sanitizer
+// builds (they are not dumpable), so it is switched off here.
+extern "C" const char *__asan_default_options() { return "detect_leaks=0"; }
 
 namespace {
 
@@ -68,6 +74,36 @@ void Ids() {
    other.join();
 }
 
+// Run as a daemon: reports its process ID on one kept descriptor, then
+// lives until the other one reaches end-of-file.
+int Daemon(int reportFd, int holdFd) {
+   std::string pid = std::to_string(getpid()) + "\n";
+   if (write(reportFd, pid.data(), pid.size()) != static_cast<ssize_t>(pid.size())) {
+      return 1;
+   }
+   char c;
+   while (read(holdFd, &c, 1) > 0) {
+   }
+   return 0;
+}
+
+// Looks the keys up under a process tag and prints "key=result" lines on
+// standard error (standard output carries the log). Set-user-ID, it first
+// lowers its effective user ID when asked to, as the product's programs do.
+int Locate(const char *tag, const char *productFile, bool lower, char **keys) {
+   if (lower && seteuid(getuid()) != 0) {
+      return 3;
+   }
+   halcyx::gLocationProductFile = productFile;
+   Location_Init(tag);
+   for (; *keys != nullptr; keys++) {
+      char *path = Location_Get(*keys);
+      fprintf(stderr, "%s=%s\n", *keys, path != nullptr ? path : "(null)");
+      free(path);
+   }
+   return 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -80,6 +116,10 @@ int main(int argc, char **argv) {
       free(path);
    } else if (strcmp(argv[1], "ids") == 0) {
       Ids();
+   } else if (strcmp(argv[1], "location") == 0 && argc >= 5) {
+      return Locate(argv[2], argv[3], strcmp(argv[4], "lower") == 0, argv + 5);
+   } else if (strcmp(argv[1], "daemon") == 0 && argc == 4) {
+      return Daemon(atoi(argv[2]), atoi(argv[3]));
    } else {
       return 2;
    }

@@ -57,7 +57,8 @@ SetuidInstall::~SetuidInstall() {
    }
 }
 
-ChildResult RunAsNobody(const std::string &program, const std::vector<std::string> &args) {
+ChildResult RunAsNobody(const std::string &program, const std::vector<std::string> &args,
+                        const std::vector<std::string> &environment) {
    return RunInChild([&] {
       const struct passwd *nobody = getpwnam("nobody");
       if (nobody == nullptr || setgroups(0, nullptr) != 0 ||
@@ -65,14 +66,17 @@ ChildResult RunAsNobody(const std::string &program, const std::vector<std::strin
           setresuid(nobody->pw_uid, nobody->pw_uid, nobody->pw_uid) != 0) {
          _exit(126);
       }
-      std::vector<char *> argv;
-      for (const auto &a : args) {
-         argv.push_back(const_cast<char *>(a.c_str()));
-      }
-      argv.push_back(nullptr);
-      char path[] = "PATH=/usr/bin:/bin";
-      char *envp[] = {path, nullptr};
-      execve(program.c_str(), argv.data(), envp);
+      auto vector = [](const std::vector<std::string> &strings) {
+         std::vector<char *> v;
+         for (const auto &s : strings) {
+            v.push_back(const_cast<char *>(s.c_str()));
+         }
+         v.push_back(nullptr);
+         return v;
+      };
+      std::vector<std::string> env = environment;
+      env.push_back("PATH=/usr/bin:/bin");
+      execve(program.c_str(), vector(args).data(), vector(env).data());
       _exit(127);
    });
 }

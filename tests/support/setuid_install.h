@@ -31,9 +31,10 @@ private:
 };
 
 // Runs program as "nobody" (no supplementary groups) with exactly args
-// (argv[0] included) and PATH as the only environment variable. Exit 126
-// means the identity change failed, 127 that the program did not start.
-ChildResult RunAsNobody(const std::string &program, const std::vector<std::string> &args);
+// (argv[0] included) and an environment of PATH and the given entries. Exit
+// 126 means the identity change failed, 127 that the program did not start.
+ChildResult RunAsNobody(const std::string &program, const std::vector<std::string> &args,
+                        const std::vector<std::string> &environment = {});
 
 }  // namespace halcyx::test
 
