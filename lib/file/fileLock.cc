@@ -342,7 +342,7 @@ bool ValidExecutionID(const char *executionID) {
 }
 
 char *NormalizePath(const char *path) {
-   if (path == nullptr) {
+   if (path == nullptr || path[0] == '\0') {
       return nullptr;
    }
    char *dirPart = nullptr;

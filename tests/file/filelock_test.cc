@@ -171,6 +171,8 @@ TEST(LockPath, Normalization) {
    MsgList *msgs = nullptr;
    EXPECT_EQ(FileLock_Lock(nullptr, false, 0, &err, &msgs), nullptr);
    EXPECT_EQ(err, EINVAL);
+   EXPECT_EQ(FileLock_Lock("", false, 0, &err, nullptr), nullptr);
+   EXPECT_EQ(err, EINVAL);
    EXPECT_FALSE(FileLock_Unlock(nullptr, &err, nullptr));
    EXPECT_EQ(err, EINVAL);
    EXPECT_EQ(FileLock_Lock("/no/such/dir/x", false, 0, &err, &msgs), nullptr);
