@@ -425,7 +425,7 @@ int WaitForPossession(const char *lockDir, const char *fileName, LockValues *mem
       Log("FILE: %s timeout on '%s' due to another machine '%s'\n", fn, path.get(),
           member->machineID);
    }
-   return static_cast<int>(kTimeoutErr);
+   return kTimeoutErr;
 }
 
 // The paths of one attempt's D, E and M entries.
@@ -625,7 +625,7 @@ FileLockToken *LockIntrinsic(const char *path, bool exclusive, uint32_t msecMaxW
       ErrnoSaver keep;
       unlink(entry.member.get());
       RemoveDirectory(lockDir.get());
-      *err = res == static_cast<int>(kTimeoutErr) ? 0 : res;
+      *err = res == kTimeoutErr ? 0 : res;
       return nullptr;
    }
    *err = 0;
