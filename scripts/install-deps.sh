@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libicu-dev libssl-dev libplist-dev
   util-linux passwd                 # setpriv, and the "nobody" account
+  openssl attr                      # code-signing tests: PKI and extended attributes
 )
 
 missing=()

@@ -1,0 +1,123 @@
+/*
+ * Descriptor-relative reading for the signature code.
+ *
+ * Every open here uses O_NOFOLLOW | O_CLOEXEC, and O_NONBLOCK so that a FIFO
+ * planted where a file is expected cannot stall the verifier; the type is
+ * then checked on the descriptor itself, never on the path.
+ */
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <openssl/evp.h>
+
+#include "codesignInt.h"
+#include "internal/unique.h"
+
+namespace halcyx::codesign {
+
+int OpenAtNoFollow(int dirFd, const char *relPath, int flags) {
+   std::string_view rest(relPath);
+   UniqueFd cur;
+   int base = dirFd;
+   while (true) {
+      size_t slash = rest.find('/');
+      std::string part(rest.substr(0, slash));
+      if (part.empty() || part == "." || part == "..") {
+         errno = EINVAL;
+         return -1;
+      }
+      bool last = slash == std::string_view::npos;
+      int f = last ? flags : O_RDONLY | O_DIRECTORY;
+      int fd = openat(base, part.c_str(), f | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+      if (fd < 0) {
+         return -1;
+      }
+      cur.reset(fd);
+      base = fd;
+      if (last) {
+         return cur.release();
+      }
+      rest.remove_prefix(slash + 1);
+   }
+}
+
+bool ReadFileAt(int dirFd, const char *relPath, size_t cap, std::string *out) {
+   UniqueFd fd(OpenAtNoFollow(dirFd, relPath, O_RDONLY));
+   struct stat st;
+   if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
+       static_cast<uint64_t>(st.st_size) > cap) {
+      return false;
+   }
+   std::string data;
+   data.resize(static_cast<size_t>(st.st_size));
+   size_t done = 0;
+   // One byte more than the size seen, to notice a file that grew meanwhile.
+   char extra;
+   while (true) {
+      char *dst = done < data.size() ? &data[done] : &extra;
+      size_t want = done < data.size() ? data.size() - done : 1;
+      ssize_t n = pread(fd.get(), dst, want, static_cast<off_t>(done));
+      if (n < 0 && errno == EINTR) {
+         continue;
+      }
+      if (n < 0) {
+         return false;
+      }
+      if (n == 0) {
+         break;
+      }
+      if (done >= data.size()) {
+         return false;
+      }
+      done += static_cast<size_t>(n);
+   }
+   if (done != data.size()) {
+      return false;
+   }
+   *out = std::move(data);
+   return true;
+}
+
+/*
+ * Hashes the whole of a regular file through its descriptor, without moving
+ * its offset. The file is read, not mapped: a mapping would turn a
+ * concurrent truncation by the file's owner into SIGBUS in the verifier.
+ */
+bool HashFd(int fd, Digest *digest, uint64_t *size) {
+   struct stat st;
+   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+      return false;
+   }
+   std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX *)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+   if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) {
+      return false;
+   }
+   // Small enough to stay in the cache between the copy and the hash.
+   static thread_local char buf[128 * 1024];
+   uint64_t total = 0;
+   while (true) {
+      ssize_t n = pread(fd, buf, sizeof buf, static_cast<off_t>(total));
+      if (n < 0 && errno == EINTR) {
+         continue;
+      }
+      if (n < 0) {
+         return false;
+      }
+      if (n == 0) {
+         break;
+      }
+      EVP_DigestUpdate(ctx.get(), buf, static_cast<size_t>(n));
+      total += static_cast<uint64_t>(n);
+   }
+   unsigned int len = 0;
+   if (EVP_DigestFinal_ex(ctx.get(), digest->data(), &len) != 1) {
+      return false;
+   }
+   *size = total;
+   return true;
+}
+
+}  // namespace halcyx::codesign
