@@ -110,10 +110,17 @@ std::string HexOf(const uint8_t *bytes, size_t size) {
    return hex;
 }
 
+// OpenSSL 3 looks an algorithm up by name on every use of EVP_sha256();
+// one explicit fetch saves that on each of the many hashes of a bundle.
+const EVP_MD *Sha256Md() {
+   static EVP_MD *md = EVP_MD_fetch(nullptr, "SHA2-256", nullptr);
+   return md ? md : EVP_sha256();
+}
+
 Digest Sha256(const void *data, size_t size) {
    Digest d{};
    unsigned int len = 0;
-   EVP_Digest(data, size, d.data(), &len, EVP_sha256(), nullptr);
+   EVP_Digest(data, size, d.data(), &len, Sha256Md(), nullptr);
    return d;
 }
 

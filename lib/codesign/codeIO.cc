@@ -92,7 +92,7 @@ bool HashFd(int fd, Digest *digest, uint64_t *size) {
       return false;
    }
    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX *)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-   if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) {
+   if (!ctx || EVP_DigestInit_ex(ctx.get(), Sha256Md(), nullptr) != 1) {
       return false;
    }
    // Small enough to stay in the cache between the copy and the hash.

@@ -51,6 +51,8 @@ inline constexpr size_t kMaxXattrPayload = 3800;
 
 std::string HexOf(const uint8_t *bytes, size_t size);
 Digest Sha256(const void *data, size_t size);
+// SHA-256, fetched from the provider once for the process.
+const EVP_MD *Sha256Md();
 
 struct OsslFree {
    void operator()(X509 *p) const;
@@ -109,9 +111,9 @@ bool CheckSeal(int bundleFd, const Seal &seal);
 /* ---- Trust ------------------------------------------------------------ */
 
 struct TrustPolicy {
-   // Certificates (DER) that chains may end at and that "anchor apple"
-   // names; each must hash to one of pinnedSha256.
-   std::vector<std::string> vendorRootsDer;
+   // Roots that chains may end at and that "anchor apple" names, parsed
+   // once; pinnedSha256[i] is the SHA-256 of vendorRoots[i]'s DER.
+   std::vector<std::shared_ptr<X509>> vendorRoots;
    std::vector<Digest> pinnedSha256;
    // A directory of PEM root certificates, used only when every component
    // of the path is owned by root and writable by nobody else. Empty: none.
@@ -120,6 +122,9 @@ struct TrustPolicy {
 
 // The build's policy: the compiled-in vendor roots and the fixed admin store.
 const TrustPolicy &BuildTrustPolicy();
+// Adds a vendor root given as DER, pinned to pin; false (and nothing added)
+// when the bytes are not one certificate or do not hash to pin.
+bool AddVendorRoot(TrustPolicy *policy, std::string_view der, const Digest &pin);
 // Reads the admin store's anchors; empty when the store is absent or fails
 // the ownership rule.
 std::vector<UniqueX509> LoadAdminStore(const std::string &dir);
@@ -141,6 +146,7 @@ struct Evidence {
    Digest cdhash{};
    std::vector<UniqueX509> chain;  // leaf first, anchor last
    bool vendorAnchor = false;      // the anchor is a pinned vendor root
+   Digest anchorHash{};            // SHA-256 of the anchor's DER
    std::vector<Digest> trustedAnchors;  // every anchor that was trusted
    UniquePlist info;               // bundle's Info.plist dictionary, or null
 };

@@ -483,9 +483,8 @@ bool Eval(const Requirement &req, int index, const Evidence &ev) {
    case ReqOp::Not: return !Eval(req, n.left, ev);
    case ReqOp::Identifier: return ev.cd.identifier == n.value;
    case ReqOp::AnchorVendor: return !ev.chain.empty() && ev.vendorAnchor;
-   case ReqOp::AnchorTrusted:
-      return !ev.chain.empty() && Contains(ev.trustedAnchors, DerHash(ev.chain.back().get()));
-   case ReqOp::AnchorHash: return !ev.chain.empty() && DerHash(ev.chain.back().get()) == n.hash;
+   case ReqOp::AnchorTrusted: return !ev.chain.empty() && Contains(ev.trustedAnchors, ev.anchorHash);
+   case ReqOp::AnchorHash: return !ev.chain.empty() && ev.anchorHash == n.hash;
    case ReqOp::CdHash: return ev.cdhash == n.hash;
    case ReqOp::Info: {
       plist_t v = ev.info ? plist_dict_get_item(static_cast<plist_t>(ev.info.get()), n.key.c_str())

@@ -96,13 +96,24 @@ UniqueX509 CertFromDer(std::string_view der) {
 
 }  // namespace
 
+bool AddVendorRoot(TrustPolicy *policy, std::string_view der, const Digest &pin) {
+   UniqueX509 root = CertFromDer(der);
+   if (!root || CertHash(root.get()) != pin) {
+      return false;
+   }
+   policy->vendorRoots.emplace_back(root.release(), X509_free);
+   policy->pinnedSha256.push_back(pin);
+   return true;
+}
+
 const TrustPolicy &BuildTrustPolicy() {
    static const TrustPolicy policy = [] {
       TrustPolicy p;
       for (const auto &root : kHalcyxVendorRoots) {
-         p.vendorRootsDer.emplace_back(reinterpret_cast<const char *>(root.der), root.size);
-         p.pinnedSha256.push_back(Digest{});
-         std::copy(root.sha256, root.sha256 + 32, p.pinnedSha256.back().begin());
+         Digest pin;
+         std::copy(root.sha256, root.sha256 + 32, pin.begin());
+         AddVendorRoot(&p, std::string_view(reinterpret_cast<const char *>(root.der), root.size),
+                       pin);
       }
       p.adminStore = HALCYX_ADMIN_TRUST_STORE;
       return p;
@@ -246,10 +257,8 @@ bool CheckCms(std::string_view codeDirectory, std::string_view signature,
       return false;
    }
    std::vector<Digest> anchors;
-   for (size_t i = 0; i < policy.vendorRootsDer.size(); i++) {
-      UniqueX509 root = CertFromDer(policy.vendorRootsDer[i]);
-      if (root && i < policy.pinnedSha256.size() && CertHash(root.get()) == policy.pinnedSha256[i] &&
-          X509_STORE_add_cert(store.get(), root.get()) == 1) {
+   for (size_t i = 0; i < policy.vendorRoots.size() && i < policy.pinnedSha256.size(); i++) {
+      if (X509_STORE_add_cert(store.get(), policy.vendorRoots[i].get()) == 1) {
          anchors.push_back(policy.pinnedSha256[i]);
       }
    }
@@ -280,10 +289,10 @@ bool CheckCms(std::string_view codeDirectory, std::string_view signature,
    while (sk_X509_num(chain.get()) > 0) {
       out->chain.emplace_back(sk_X509_shift(chain.get()));
    }
-   Digest anchor = CertHash(out->chain.back().get());
+   out->anchorHash = CertHash(out->chain.back().get());
    out->vendorAnchor = false;
    for (const Digest &pin : policy.pinnedSha256) {
-      out->vendorAnchor |= pin == anchor;
+      out->vendorAnchor |= pin == out->anchorHash;
    }
    out->trustedAnchors = std::move(anchors);
    out->cdhash = Sha256(codeDirectory.data(), codeDirectory.size());

@@ -81,9 +81,8 @@ protected:
          ASSERT_EQ(Shell(cmd), 0) << cmd;
       }
       ASSERT_EQ(Shell(pki + "leaf " + dir_ + " noeku '/CN=Zorvex, Inc.' vinter serverAuth"), 0);
-      policy_.vendorRootsDer.push_back(DerOf(dir_ + "/vroot.pem"));
-      const std::string &der = policy_.vendorRootsDer.back();
-      policy_.pinnedSha256.push_back(Sha256(der.data(), der.size()));
+      const std::string der = DerOf(dir_ + "/vroot.pem");
+      ASSERT_TRUE(AddVendorRoot(&policy_, der, Sha256(der.data(), der.size())));
       policy_.adminStore = dir_ + "/store";
       ASSERT_EQ(mkdir(policy_.adminStore.c_str(), 0755), 0);
    }
