@@ -95,11 +95,16 @@ bool HashFd(int fd, Digest *digest, uint64_t *size) {
    if (!ctx || EVP_DigestInit_ex(ctx.get(), Sha256Md(), nullptr) != 1) {
       return false;
    }
-   // Small enough to stay in the cache between the copy and the hash.
-   static thread_local char buf[128 * 1024];
+   // Small enough to stay in the cache between the copy and the hash, and
+   // below the allocator's mapping threshold, so repeated calls reuse it.
+   constexpr size_t kChunk = 64 * 1024;
+   UniqueMalloc<char> buf(static_cast<char *>(malloc(kChunk)));
+   if (!buf) {
+      return false;
+   }
    uint64_t total = 0;
    while (true) {
-      ssize_t n = pread(fd, buf, sizeof buf, static_cast<off_t>(total));
+      ssize_t n = pread(fd, buf.get(), kChunk, static_cast<off_t>(total));
       if (n < 0 && errno == EINTR) {
          continue;
       }
@@ -109,7 +114,7 @@ bool HashFd(int fd, Digest *digest, uint64_t *size) {
       if (n == 0) {
          break;
       }
-      EVP_DigestUpdate(ctx.get(), buf, static_cast<size_t>(n));
+      EVP_DigestUpdate(ctx.get(), buf.get(), static_cast<size_t>(n));
       total += static_cast<uint64_t>(n);
    }
    unsigned int len = 0;

@@ -122,18 +122,19 @@ const TrustPolicy &BuildTrustPolicy() {
 }
 
 /*
- * Walks dir from "/" one component at a time without following links and
- * checks every directory on the way, the last included: owned by root and
- * writable by nobody else. A store reached through a link is refused.
+ * Opens dir walking from "/" one component at a time without following
+ * links, and checks every directory on the way, the last included: owned by
+ * root and writable by nobody else. A store reached through a link is
+ * refused. Returns the directory's descriptor, or -1.
  */
-bool StorePathIsRootOwned(const std::string &dir) {
+static int OpenRootOwnedDir(const std::string &dir) {
    if (dir.empty() || dir.front() != '/') {
-      return false;
+      return -1;
    }
    UniqueFd cur(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
    struct stat st;
    if (!cur || fstat(cur.get(), &st) != 0 || !StatIsRootOnly(st)) {
-      return false;
+      return -1;
    }
    std::string_view rest = std::string_view(dir).substr(1);
    while (!rest.empty()) {
@@ -144,24 +145,25 @@ bool StorePathIsRootOwned(const std::string &dir) {
          continue;
       }
       if (part == "." || part == "..") {
-         return false;
+         return -1;
       }
       UniqueFd next(openat(cur.get(), part.c_str(),
                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
       if (!next || fstat(next.get(), &st) != 0 || !StatIsRootOnly(st)) {
-         return false;
+         return -1;
       }
       cur = std::move(next);
    }
-   return true;
+   return cur.release();
+}
+
+bool StorePathIsRootOwned(const std::string &dir) {
+   return UniqueFd(OpenRootOwnedDir(dir)).get() >= 0;
 }
 
 std::vector<UniqueX509> LoadAdminStore(const std::string &dir) {
    std::vector<UniqueX509> anchors;
-   if (!StorePathIsRootOwned(dir)) {
-      return anchors;
-   }
-   UniqueFd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+   UniqueFd dirFd(OpenRootOwnedDir(dir));
    int dupFd = dirFd ? fcntl(dirFd.get(), F_DUPFD_CLOEXEC, 0) : -1;
    std::unique_ptr<DIR, int (*)(DIR *)> d(dupFd >= 0 ? fdopendir(dupFd) : nullptr, closedir);
    if (!d) {
