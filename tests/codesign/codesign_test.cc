@@ -486,10 +486,10 @@ TEST_F(Codesign, PublicEntryPointsLogTheirFailures) {
    EXPECT_EQ(logOf([&] { codesignVerify(signedFile.c_str(), "com.zorvex.tool"); }),
              "PrivilegedHelper: Failed to verify the code signature of " + signedFile +
                 " due to 7");
-   for (const auto &[path, code] : {std::pair{signedFile, 3}, std::pair{noInfo, 4}}) {
-      EXPECT_EQ(logOf([&] { getBundleIdentifier(path.c_str()); }),
-                "CoreFoundationUtils: Failed to get bundle identifier for " + path + " due to (" +
-                   std::to_string(code) + ").\n");
+   for (const auto &c : {std::pair{signedFile, 3}, std::pair{noInfo, 4}}) {
+      EXPECT_EQ(logOf([&] { getBundleIdentifier(c.first.c_str()); }),
+                "CoreFoundationUtils: Failed to get bundle identifier for " + c.first +
+                   " due to (" + std::to_string(c.second) + ").\n");
    }
    char *id = getBundleIdentifier(bundle.c_str());
    EXPECT_STREQ(id, "com.zorvex.app");
