@@ -18,6 +18,18 @@
 
 namespace halcyx::codesign {
 
+namespace {
+
+ssize_t PreadRetry(int fd, void *buf, size_t size, uint64_t offset) {
+   ssize_t n;
+   do {
+      n = pread(fd, buf, size, static_cast<off_t>(offset));
+   } while (n < 0 && errno == EINTR);
+   return n;
+}
+
+}  // namespace
+
 int OpenAtNoFollow(int dirFd, const char *relPath, int flags) {
    std::string_view rest(relPath);
    UniqueFd cur;
@@ -59,10 +71,7 @@ bool ReadFileAt(int dirFd, const char *relPath, size_t cap, std::string *out) {
    while (true) {
       char *dst = done < data.size() ? &data[done] : &extra;
       size_t want = done < data.size() ? data.size() - done : 1;
-      ssize_t n = pread(fd.get(), dst, want, static_cast<off_t>(done));
-      if (n < 0 && errno == EINTR) {
-         continue;
-      }
+      ssize_t n = PreadRetry(fd.get(), dst, want, done);
       if (n < 0) {
          return false;
       }
@@ -104,10 +113,7 @@ bool HashFd(int fd, Digest *digest, uint64_t *size) {
    }
    uint64_t total = 0;
    while (true) {
-      ssize_t n = pread(fd, buf.get(), kChunk, static_cast<off_t>(total));
-      if (n < 0 && errno == EINTR) {
-         continue;
-      }
+      ssize_t n = PreadRetry(fd, buf.get(), kChunk, total);
       if (n < 0) {
          return false;
       }
