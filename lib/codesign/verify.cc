@@ -55,7 +55,13 @@ bool PathIsUtf8(const char *path) { return path && IsUtf8(path); }
 }  // namespace
 
 int OpenCode(const char *path) {
-   UniqueFd fd(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+   // A trailing slash would make open follow a final symbolic link even
+   // with O_NOFOLLOW, so it is dropped first.
+   std::string p(path);
+   while (p.size() > 1 && p.back() == '/') {
+      p.pop_back();
+   }
+   UniqueFd fd(open(p.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
    struct stat st;
    if (!fd || fstat(fd.get(), &st) != 0) {
       return -1;

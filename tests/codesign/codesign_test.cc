@@ -69,6 +69,7 @@ protected:
          {"leaf", "tarnwick", "/CN=Tarnwick Wireless LLC", "vinter"},
          {"leaf", "contains", "/CN=Build Service of Zorvex, Inc. Europe", "vinter"},
          {"leaf", "third", "/CN=Quillon Systems Ltd", "vinter"},
+         {"leaf", "subleaf", "/CN=Zorvex, Inc.", "zorvex"},  // issued by a non-CA
          {"root", "attacker", "", ""},
          {"inter", "ainter", "/O=Zorvex, Inc./CN=Zorvex Signing CA", "attacker"},
          {"leaf", "aleaf", "/O=Zorvex, Inc./CN=Zorvex, Inc.", "ainter"},
@@ -179,6 +180,7 @@ TEST_F(Codesign, FileVerdicts) {
       {"wrong identifier", "zorvex", "com.zorvex.other", nullptr, 7},
       {"attacker root with the vendor's subject", "aleaf", "com.zorvex.tool", nullptr, 7},
       {"root trusted only by the admin store", "adminleaf", "com.zorvex.tool", nullptr, 7},
+      {"issuer is not a CA", "subleaf", "com.zorvex.tool", nullptr, 7},
       {"one byte of content changed", "zorvex", "com.zorvex.tool",
        [](const std::string &p) {
           UniqueFd fd(open(p.c_str(), O_WRONLY));
@@ -268,6 +270,8 @@ TEST_F(Codesign, BundleVerdicts) {
    SignWith(b, "zorvex", "com.zorvex.app");
    ASSERT_EQ(symlink(b.c_str(), (work_ + "/alias.bundle").c_str()), 0);
    EXPECT_EQ(Verify(work_ + "/alias.bundle", "com.zorvex.app"), 3);
+   EXPECT_EQ(Verify(work_ + "/alias.bundle/", "com.zorvex.app"), 3);
+   EXPECT_EQ(Verify(b + "/", "com.zorvex.app"), 0);
 }
 
 TEST_F(Codesign, HandMadeSignaturesVerify) {
