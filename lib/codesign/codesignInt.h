@@ -199,9 +199,9 @@ struct Identity {
    UniqueCerts intermediates;
 };
 
-// A PEM file holding the private key and the certificate chain, leaf first.
-// Self-signed certificates in it are dropped (a signature never carries the
-// root).
+// A PEM file holding the certificate chain, leaf first, and the private key
+// (or NAME.pem beside NAME.key holding the key). Self-signed certificates in
+// it are dropped (a signature never carries the root).
 bool LoadIdentity(const char *pemPath, Identity *out, std::string *error);
 // Detached CMS over data (DER).
 bool SignData(const Identity &id, std::string_view data, std::string *der, std::string *error);

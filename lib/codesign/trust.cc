@@ -301,27 +301,44 @@ bool CheckCms(std::string_view codeDirectory, std::string_view signature,
    return true;
 }
 
-bool LoadIdentity(const char *pemPath, Identity *out, std::string *error) {
-   std::string pem;
-   UniqueFd fd(open(pemPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+// A PEM file of the signer's (not a privileged path): read as named.
+static bool ReadPemFile(const std::string &path, std::string *out) {
+   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
    char buf[8192];
    ssize_t n = 0;
-   while (fd && pem.size() <= kMaxAnchorFile && (n = read(fd.get(), buf, sizeof buf)) > 0) {
-      pem.append(buf, static_cast<size_t>(n));
+   out->clear();
+   while (fd && out->size() <= kMaxAnchorFile && (n = read(fd.get(), buf, sizeof buf)) > 0) {
+      out->append(buf, static_cast<size_t>(n));
    }
-   if (!fd || n < 0 || pem.empty() || pem.size() > kMaxAnchorFile) {
+   return fd && n >= 0 && !out->empty() && out->size() <= kMaxAnchorFile;
+}
+
+static UniquePkey PrivateKeyIn(const std::string &pem) {
+   auto noPrompt = [](char *, int, int, void *) { return -1; };
+   UniqueBio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+   UniquePkey key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPrompt, nullptr) : nullptr);
+   ERR_clear_error();
+   return key;
+}
+
+bool LoadIdentity(const char *pemPath, Identity *out, std::string *error) {
+   std::string pem, keyPem;
+   if (!ReadPemFile(pemPath, &pem)) {
       *error = std::string("cannot read the identity ") + pemPath;
       return false;
    }
-   auto noPrompt = [](char *, int, int, void *) { return -1; };
-   UniqueBio keyBio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
    Identity id;
-   id.key.reset(keyBio ? PEM_read_bio_PrivateKey(keyBio.get(), nullptr, noPrompt, nullptr)
-                       : nullptr);
+   id.key = PrivateKeyIn(pem);
+   // The key may also stand beside the certificates: NAME.key for NAME.pem.
+   std::string path(pemPath);
+   if (!id.key && path.size() > 4 && path.compare(path.size() - 4, 4, ".pem") == 0 &&
+       ReadPemFile(path.substr(0, path.size() - 4) + ".key", &keyPem)) {
+      id.key = PrivateKeyIn(keyPem);
+   }
    UniqueBio certBio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
    id.intermediates.reset(sk_X509_new_null());
    while (certBio && id.intermediates) {
-      UniqueX509 cert(PEM_read_bio_X509(certBio.get(), nullptr, noPrompt, nullptr));
+      UniqueX509 cert(PEM_read_bio_X509(certBio.get(), nullptr, nullptr, nullptr));
       if (!cert) {
          break;
       }
@@ -334,7 +351,8 @@ bool LoadIdentity(const char *pemPath, Identity *out, std::string *error) {
    ERR_clear_error();
    if (!id.key || !id.leaf || X509_check_private_key(id.leaf.get(), id.key.get()) != 1) {
       *error = std::string("the identity ") + pemPath +
-               " must hold an unencrypted private key and its certificate first";
+               " must hold (or stand beside, as NAME.key) an unencrypted private key, and "
+               "its certificate first";
       return false;
    }
    if (!LeafIsAcceptable(id.leaf.get(), error)) {

@@ -443,6 +443,8 @@ TEST_F(Codesign, ToolExitStatusAndDetachedForm) {
    }
    std::string path = MakeFile("tool");
    std::string id = devDir + "/developer.identity.pem";
+   ASSERT_EQ(Shell("cp " + devDir + "/developer.chain.pem " + work_ + "/split.pem && cp " + devDir +
+                   "/developer.key " + work_ + "/split.key"), 0);
    struct {
       std::string args;
       int status;
@@ -462,6 +464,9 @@ TEST_F(Codesign, ToolExitStatusAndDetachedForm) {
       {"--attach " + path + ".sig " + path, 0},
       {"-v " + path, 0},
       {"-s " + Pki("noeku.identity.pem") + " -f " + path, 1},
+      {"-s " + work_ + "/split.pem -f -i com.zorvex.tool " + path, 0},  // key in split.key
+      {"-v " + path, 0},
+      {"-s " + devDir + "/developer.chain.pem -f " + path, 1},  // no key in it or beside it
       {"-v -d " + path, 2},
       {"", 2},
    };
