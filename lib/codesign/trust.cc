@@ -5,8 +5,10 @@
  * A signature is SignedData, detached, with exactly one signer using
  * SHA-256, carrying the leaf and intermediates but never a self-signed
  * certificate. The leaf must hold the code-signing extended key usage and
- * exactly one subject common name. Chains are built with purpose "any"
- * (the S/MIME purpose would refuse code-signing leaves) over a store that
+ * exactly one subject common name, and an intermediate that restricts its
+ * extended key usages must include code signing. Chains are built with
+ * purpose "any" (the S/MIME purpose would refuse code-signing leaves) over a
+ * store that
  * holds only the pinned vendor roots and, when its directory passes the
  * ownership rule, the admin store's roots.
  */
@@ -286,6 +288,16 @@ bool CheckCms(std::string_view codeDirectory, std::string_view signature,
    if (!chain || sk_X509_num(chain.get()) < 1) {
       *reason = "the certificate chain is empty";
       return false;
+   }
+   // Purpose "any" leaves intermediates' usages unchecked: an issuer that
+   // restricts its usages must allow code signing.
+   for (int i = 1; i < sk_X509_num(chain.get()) - 1; i++) {
+      X509 *ca = sk_X509_value(chain.get(), i);
+      if ((X509_get_extension_flags(ca) & EXFLAG_XKUSAGE) != 0 &&
+          (X509_get_extended_key_usage(ca) & (XKU_CODE_SIGN | XKU_ANYEKU)) == 0) {
+         *reason = "an issuing certificate does not allow code signing";
+         return false;
+      }
    }
    out->chain.clear();
    while (sk_X509_num(chain.get()) > 0) {

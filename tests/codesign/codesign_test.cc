@@ -82,6 +82,8 @@ protected:
          ASSERT_EQ(Shell(cmd), 0) << cmd;
       }
       ASSERT_EQ(Shell(pki + "leaf " + dir_ + " noeku '/CN=Zorvex, Inc.' vinter serverAuth"), 0);
+      ASSERT_EQ(Shell(pki + "inter " + dir_ + " tlsinter '/CN=Zorvex TLS CA' vroot serverAuth"), 0);
+      ASSERT_EQ(Shell(pki + "leaf " + dir_ + " tlsleaf '/CN=Zorvex, Inc.' tlsinter"), 0);
       const std::string der = DerOf(dir_ + "/vroot.pem");
       ASSERT_TRUE(AddVendorRoot(&policy_, der, Sha256(der.data(), der.size())));
       policy_.adminStore = dir_ + "/store";
@@ -181,6 +183,7 @@ TEST_F(Codesign, FileVerdicts) {
       {"attacker root with the vendor's subject", "aleaf", "com.zorvex.tool", nullptr, 7},
       {"root trusted only by the admin store", "adminleaf", "com.zorvex.tool", nullptr, 7},
       {"issuer is not a CA", "subleaf", "com.zorvex.tool", nullptr, 7},
+      {"issuer restricted to TLS", "tlsleaf", "com.zorvex.tool", nullptr, 7},
       {"one byte of content changed", "zorvex", "com.zorvex.tool",
        [](const std::string &p) {
           UniqueFd fd(open(p.c_str(), O_WRONLY));
