@@ -82,6 +82,7 @@ protected:
          ASSERT_EQ(Shell(cmd), 0) << cmd;
       }
       ASSERT_EQ(Shell(pki + "leaf " + dir_ + " noeku '/CN=Zorvex, Inc.' vinter serverAuth"), 0);
+      ASSERT_EQ(Shell(pki + "leaf " + dir_ + " twocn '/CN=Quillon Systems Ltd/CN=Zorvex, Inc.' vinter"), 0);
       ASSERT_EQ(Shell(pki + "inter " + dir_ + " tlsinter '/CN=Zorvex TLS CA' vroot serverAuth"), 0);
       ASSERT_EQ(Shell(pki + "leaf " + dir_ + " tlsleaf '/CN=Zorvex, Inc.' tlsinter"), 0);
       const std::string der = DerOf(dir_ + "/vroot.pem");
@@ -283,10 +284,14 @@ TEST_F(Codesign, HandMadeSignaturesVerify) {
       HandSign(path, "tarnwick", "vinter", "com.zorvex.hand", attrs);
       EXPECT_EQ(Verify(path, "com.zorvex.hand"), 0) << attrs;
    }
-   // A leaf without the code-signing usage can be used by hand, never accepted.
-   std::string path = MakeFile("noeku");
-   HandSign(path, "noeku", "vinter", "com.zorvex.hand", false);
-   EXPECT_EQ(Verify(path, "com.zorvex.hand"), 7);
+   // Leaves that the signing tool refuses can be used by hand, but are never
+   // accepted: one without the code-signing usage, and one whose second
+   // common name would satisfy the organisation match.
+   for (const char *leaf : {"noeku", "twocn"}) {
+      std::string path = MakeFile(leaf);
+      HandSign(path, leaf, "vinter", "com.zorvex.hand", false);
+      EXPECT_EQ(Verify(path, "com.zorvex.hand"), 7) << leaf;
+   }
 }
 
 TEST_F(Codesign, OurSignaturesVerifyWithOpenssl) {
