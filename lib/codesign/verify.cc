@@ -52,16 +52,21 @@ bool ReadXattr(int fd, const char *name, size_t cap, std::string *out) {
 
 bool PathIsUtf8(const char *path) { return path && IsUtf8(path); }
 
-}  // namespace
-
-int OpenCode(const char *path) {
-   // A trailing slash would make open follow a final symbolic link even
-   // with O_NOFOLLOW, so it is dropped first.
+// A trailing slash would make open follow a final symbolic link even with
+// O_NOFOLLOW, so it is dropped before every open of a caller's path.
+std::string WithoutTrailingSlashes(const char *path) {
    std::string p(path);
    while (p.size() > 1 && p.back() == '/') {
       p.pop_back();
    }
-   UniqueFd fd(open(p.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+   return p;
+}
+
+}  // namespace
+
+int OpenCode(const char *path) {
+   UniqueFd fd(open(WithoutTrailingSlashes(path).c_str(),
+                    O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
    struct stat st;
    if (!fd || fstat(fd.get(), &st) != 0) {
       return -1;
@@ -224,7 +229,8 @@ getBundleIdentifier(const char *path)
    } else if (path[0] == '\0' || strlen(path) >= PATH_MAX) {
       code = 2;
    } else {
-      halcyx::UniqueFd dir(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      halcyx::UniqueFd dir(open(WithoutTrailingSlashes(path).c_str(),
+                                O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
       std::string data;
       if (!dir) {
          code = 3;

@@ -43,8 +43,8 @@ bool codesignVerifyFd(int fd, const char *path, const char *identifier);
  * or binary), newly allocated (release with free), or null after one Log
  * line: "CoreFoundationUtils: Failed to get bundle identifier for %s due to
  * (%d).\n" with code 1 (path not UTF-8), 2 (empty or too long), 3 (not a
- * directory that can be opened) or 4 (no readable Info.plist or no string
- * identifier in it); or "Failed to get C string from CFString.\n" when the
+ * directory that can be opened; a symbolic link is not followed) or 4 (no
+ * readable Info.plist or no string identifier in it); or "Failed to get C string from CFString.\n" when the
  * identifier cannot be copied as UTF-8.
  */
 char *getBundleIdentifier(const char *path);

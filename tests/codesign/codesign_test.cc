@@ -503,7 +503,9 @@ TEST_F(Codesign, PublicEntryPointsLogTheirFailures) {
    EXPECT_EQ(logOf([&] { codesignVerify(signedFile.c_str(), "com.zorvex.tool"); }),
              "PrivilegedHelper: Failed to verify the code signature of " + signedFile +
                 " due to 7");
-   for (const auto &c : {std::pair{signedFile, 3}, std::pair{noInfo, 4}}) {
+   ASSERT_EQ(symlink(bundle.c_str(), (work_ + "/alias").c_str()), 0);
+   for (const auto &c : {std::pair{signedFile, 3}, std::pair{work_ + "/alias/", 3},
+                         std::pair{noInfo, 4}}) {
       EXPECT_EQ(logOf([&] { getBundleIdentifier(c.first.c_str()); }),
                 "CoreFoundationUtils: Failed to get bundle identifier for " + c.first +
                    " due to (" + std::to_string(c.second) + ").\n");
