@@ -143,16 +143,16 @@ protected:
 
    std::string MakeBundle(const std::string &name, const char *identifier) {
       std::string b = work_ + "/" + name;
-      for (const char *d : {"", "/Contents", "/Contents/MacOS", "/Contents/Resources"}) {
+      for (const char *d : {"", "/Contents", "/Contents/Helpers", "/Contents/Resources"}) {
          mkdir((b + d).c_str(), 0755);
       }
       Spit(b + "/Contents/Info.plist",
            std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
                        "<key>CFBundleIdentifier</key><string>") +
               identifier + "</string><key>Tier</key><string>gold</string></dict></plist>\n");
-      Spit(b + "/Contents/MacOS/daemon", "#!/bin/sh\nexit 0\n");
+      Spit(b + "/Contents/Helpers/daemon", "#!/bin/sh\nexit 0\n");
       Spit(b + "/Contents/Resources/data.bin", std::string(1000, 'x'));
-      EXPECT_EQ(symlink("../MacOS/daemon", (b + "/Contents/Resources/alias").c_str()), 0);
+      EXPECT_EQ(symlink("../Helpers/daemon", (b + "/Contents/Resources/alias").c_str()), 0);
       return b;
    }
 
@@ -252,7 +252,7 @@ TEST_F(Codesign, BundleVerdicts) {
       {"third organisation", "third", nullptr, 7},
       {"unsealed extra file", "zorvex", "echo x > Contents/Resources/extra", 7},
       {"sealed file removed", "zorvex", "rm Contents/Resources/data.bin", 7},
-      {"sealed file changed", "zorvex", "echo y >> Contents/MacOS/daemon", 7},
+      {"sealed file changed", "zorvex", "echo y >> Contents/Helpers/daemon", 7},
       {"link retargeted", "zorvex", "ln -sfn data.bin Contents/Resources/alias", 7},
       {"link leaving the bundle", "zorvex", "ln -s ../../.. Contents/Resources/up", 7},
       {"Info.plist changed", "zorvex", "sed -i s/gold/lead/ Contents/Info.plist", 7},
