@@ -20,6 +20,11 @@ int main(void) {
    if (!ok) {
       return 1;
    }
+   if (Unicode_EncodingNameToEnum("utf8") != UNICODE_ENCODING_UTF8 ||
+       !CodeSet_IsValidUTF8("\xC3\xA9", 2)) {
+      fputs("Unicode/CodeSet from C\n", stderr);
+      return 1;
+   }
    puts("C API ok");
    return 0;
 }
