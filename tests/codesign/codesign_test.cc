@@ -19,6 +19,7 @@
 #include "codesign.h"
 #include "codesignInt.h"
 #include "internal/unique.h"
+#include "temp_dir.h"
 
 using namespace halcyx::codesign;
 using halcyx::UniqueFd;
@@ -54,12 +55,15 @@ std::string DerOf(const std::string &pemPath) {
    return out;
 }
 
-class Codesign : public ::testing::Test {
+// Each test works in its own temporary directory; the PKI and the admin
+// store live under the build tree, whose directories are root's and not
+// writable by others, as the store's ownership rule demands.
+class Codesign : public halcyx::test::TempDirTest {
 protected:
    static void SetUpTestSuite() {
       char tmpl[] = CODESIGN_TEST_DIR "/pki.XXXXXX";
       ASSERT_NE(mkdtemp(tmpl), nullptr);
-      dir_ = tmpl;
+      pkiDir_ = tmpl;
       const std::string pki = std::string(HALCYX_PKI_SCRIPT) + " ";
       const std::string root = "/O=Zorvex, Inc./CN=Zorvex Root CA";
       const char *steps[][4] = {
@@ -78,29 +82,27 @@ protected:
       };
       for (const auto &s : steps) {
          std::string subject = s[2][0] ? s[2] : root;
-         std::string cmd = pki + s[0] + " " + dir_ + " " + s[1] + " '" + subject + "' " + s[3];
+         std::string cmd = pki + s[0] + " " + pkiDir_ + " " + s[1] + " '" + subject + "' " + s[3];
          ASSERT_EQ(Shell(cmd), 0) << cmd;
       }
-      ASSERT_EQ(Shell(pki + "leaf " + dir_ + " noeku '/CN=Zorvex, Inc.' vinter serverAuth"), 0);
-      ASSERT_EQ(Shell(pki + "leaf " + dir_ + " twocn '/CN=Quillon Systems Ltd/CN=Zorvex, Inc.' vinter"), 0);
-      ASSERT_EQ(Shell(pki + "inter " + dir_ + " tlsinter '/CN=Zorvex TLS CA' vroot serverAuth"), 0);
-      ASSERT_EQ(Shell(pki + "leaf " + dir_ + " tlsleaf '/CN=Zorvex, Inc.' tlsinter"), 0);
-      const std::string der = DerOf(dir_ + "/vroot.pem");
+      ASSERT_EQ(Shell(pki + "leaf " + pkiDir_ + " noeku '/CN=Zorvex, Inc.' vinter serverAuth"), 0);
+      ASSERT_EQ(Shell(pki + "leaf " + pkiDir_ + " twocn '/CN=Quillon Systems Ltd/CN=Zorvex, Inc.' vinter"), 0);
+      ASSERT_EQ(Shell(pki + "inter " + pkiDir_ + " tlsinter '/CN=Zorvex TLS CA' vroot serverAuth"), 0);
+      ASSERT_EQ(Shell(pki + "leaf " + pkiDir_ + " tlsleaf '/CN=Zorvex, Inc.' tlsinter"), 0);
+      const std::string der = DerOf(pkiDir_ + "/vroot.pem");
       ASSERT_TRUE(AddVendorRoot(&policy_, der, Sha256(der.data(), der.size())));
-      policy_.adminStore = dir_ + "/store";
+      policy_.adminStore = pkiDir_ + "/store";
       ASSERT_EQ(mkdir(policy_.adminStore.c_str(), 0755), 0);
    }
 
-   static void TearDownTestSuite() { Shell("rm -rf '" + dir_ + "'"); }
+   static void TearDownTestSuite() { Shell("rm -rf '" + pkiDir_ + "'"); }
 
    void SetUp() override {
-      char tmpl[] = CODESIGN_TEST_DIR "/work.XXXXXX";
-      ASSERT_NE(mkdtemp(tmpl), nullptr);
-      work_ = tmpl;
+      TempDirTest::SetUp();
+      work_ = dir_.string();
    }
-   void TearDown() override { Shell("rm -rf '" + work_ + "'"); }
 
-   static std::string Pki(const std::string &name) { return dir_ + "/" + name; }
+   static std::string Pki(const std::string &name) { return pkiDir_ + "/" + name; }
 
    static void SignWith(const std::string &path, const std::string &leaf, const char *identifier) {
       Identity id;
@@ -160,12 +162,12 @@ protected:
       return VerifyPathWithPolicy(path.c_str(), identifier, policy_);
    }
 
-   static std::string dir_;
+   static std::string pkiDir_;
    static TrustPolicy policy_;
    std::string work_;
 };
 
-std::string Codesign::dir_;
+std::string Codesign::pkiDir_;
 TrustPolicy Codesign::policy_;
 
 TEST_F(Codesign, FileVerdicts) {
