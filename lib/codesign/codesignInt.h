@@ -221,7 +221,8 @@ bool ReadFileAt(int dirFd, const char *relPath, size_t cap, std::string *out);
 // Opens a relative path component by component with O_NOFOLLOW.
 int OpenAtNoFollow(int dirFd, const char *relPath, int flags);
 // SHA-256 and size of every byte of a regular file, read through fd with
-// pread (the descriptor's offset does not move).
+// pread, or mapped when only root can change it (the descriptor's offset
+// does not move).
 bool HashFd(int fd, Digest *digest, uint64_t *size);
 bool ParseInfoPlist(std::string_view data, UniquePlist *out);
 

@@ -391,6 +391,27 @@ TEST_F(Codesign, DescriptorCoversTheBytesReadFromIt) {
    EXPECT_EQ(VerifyFdWithPolicy(checked.get(), "com.zorvex.tool", policy_), 7);
 }
 
+// Large files that only root can change are hashed from a mapping, others
+// are read: both ways must see every byte, the last one included.
+TEST_F(Codesign, LargeFilesHashedEitherWay) {
+   if (geteuid() != 0) {
+      GTEST_SKIP() << "needs root to give the file to another owner";
+   }
+   for (uid_t owner : {uid_t{0}, uid_t{65534}}) {
+      for (bool spoil : {false, true}) {
+         std::string path = MakeFile("large", 3 * 1024 * 1024 + 5);
+         SignWith(path, "zorvex", "com.zorvex.large");
+         ASSERT_EQ(chown(path.c_str(), owner, 0), 0);
+         if (spoil) {
+            UniqueFd fd(open(path.c_str(), O_WRONLY));
+            ASSERT_EQ(pwrite(fd.get(), "!", 1, 3 * 1024 * 1024 + 4), 1);
+         }
+         EXPECT_EQ(Verify(path, "com.zorvex.large"), spoil ? 7 : 0) << owner << spoil;
+         unlink(path.c_str());
+      }
+   }
+}
+
 TEST_F(Codesign, AdminStoreAddsAnchorsOnlyWhenRootOnly) {
    if (geteuid() != 0) {
       GTEST_SKIP() << "needs root to own and chown the store";
