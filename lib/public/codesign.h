@@ -31,8 +31,8 @@ bool codesignVerify(const char *path, const char *identifier);
 
 /*
  * Verifies the code behind fd: a regular file or a bundle directory opened
- * for reading. Everything is read through fd (file content with pread, so
- * its offset does not move), so a caller that then copies or executes from
+ * for reading. Everything is read through fd (without moving its offset),
+ * so a caller that then copies or executes from
  * fd uses the bytes that were verified. path only names the code in the log
  * line. The descriptor stays open.
  */
