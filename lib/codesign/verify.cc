@@ -184,6 +184,16 @@ int VerifyFdWithPolicy(int fd, const char *identifier, const TrustPolicy &policy
    return 0;
 }
 
+// Out of memory inside the C++ containers is a failure of the signature
+// check, never an exception crossing the C interface.
+template <typename F> int NoThrow(F &&verify) {
+   try {
+      return verify();
+   } catch (...) {
+      return kInvalid;
+   }
+}
+
 int VerifyPathWithPolicy(const char *path, const char *identifier, const TrustPolicy &policy) {
    if (!PathIsUtf8(path)) {
       return kPathNotUtf8;
@@ -202,7 +212,7 @@ using namespace halcyx::codesign;
 bool
 codesignVerify(const char *path, const char *identifier)
 {
-   int code = VerifyPathWithPolicy(path, identifier, BuildTrustPolicy());
+   int code = NoThrow([&] { return VerifyPathWithPolicy(path, identifier, BuildTrustPolicy()); });
    if (code != 0) {
       Log("PrivilegedHelper: Failed to verify the code signature of %s due to %d", path, code);
    }
@@ -212,7 +222,7 @@ codesignVerify(const char *path, const char *identifier)
 bool
 codesignVerifyFd(int fd, const char *path, const char *identifier)
 {
-   int code = VerifyFdWithPolicy(fd, identifier, BuildTrustPolicy());
+   int code = NoThrow([&] { return VerifyFdWithPolicy(fd, identifier, BuildTrustPolicy()); });
    if (code != 0) {
       Log("PrivilegedHelper: Failed to verify the code signature of %s due to %d", path, code);
    }
@@ -229,15 +239,19 @@ getBundleIdentifier(const char *path)
    } else if (path[0] == '\0' || strlen(path) >= PATH_MAX) {
       code = 2;
    } else {
-      halcyx::UniqueFd dir(open(WithoutTrailingSlashes(path).c_str(),
-                                O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-      std::string data;
-      if (!dir) {
-         code = 3;
-      } else if (!ReadFileAt(dir.get(), kInfoPlist, kMaxInfoPlist, &data) ||
-                 !ParseInfoPlist(data, &info)) {
-         code = 4;
-      }
+      code = NoThrow([&] {
+         halcyx::UniqueFd dir(open(WithoutTrailingSlashes(path).c_str(),
+                                   O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+         std::string data;
+         if (!dir) {
+            return 3;
+         }
+         return ReadFileAt(dir.get(), kInfoPlist, kMaxInfoPlist, &data) &&
+                      ParseInfoPlist(data, &info)
+                   ? 0
+                   : 4;
+      });
+      code = code == kInvalid ? 4 : code;
    }
    plist_t id = info ? plist_dict_get_item(static_cast<plist_t>(info.get()), "CFBundleIdentifier")
                      : nullptr;
