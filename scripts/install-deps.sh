@@ -11,6 +11,7 @@ packages=(
   libicu-dev libssl-dev libplist-dev
   util-linux passwd                 # setpriv, and the "nobody" account
   iproute2                          # network namespaces of the two-host lock test
+  openssl attr                      # code-signing tests: PKI and extended attributes
 )
 
 missing=()
