@@ -35,8 +35,8 @@ struct DynLibrary {
 
 /*
  * Loads lib once for the process. Returns true when every symbol resolved;
- * false (and every slot left null) when no soname loads or a symbol is
- * missing. Later calls return the first call's answer without work.
+ * false (and every slot left null) when no soname loads, a symbol is
+ * missing, or the program refuses shared libraries. Later calls return the first call's answer without work.
  * `state` is the caller's static storage for this library, zero-initialised.
  */
 struct DynLoadState {
@@ -45,6 +45,17 @@ struct DynLoadState {
 };
 
 bool DynLoad(const DynLibrary &lib, DynLoadState *state);
+
+/*
+ * The platform's loader, one function each, with dlopen/dlsym/dlclose's
+ * contracts. The library's own definitions use the dynamic loader. A
+ * program that must never load a shared library (the opener, a static
+ * set-user-ID program) links its own definitions that refuse, ahead of the
+ * library, and so never links the dynamic ones.
+ */
+void *DynLoadOpen(const char *soname);
+void *DynLoadSymbol(void *handle, const char *name);
+void DynLoadClose(void *handle);
 
 }  // namespace halcyx
 

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <dlfcn.h>
 #include <sched.h>
 
 namespace halcyx {
@@ -31,7 +30,7 @@ bool ResolveAll(const DynLibrary &lib, void *handle, const char *soname) {
    char name[128];
    for (size_t i = 0; i < lib.numSymbols; i++) {
       int n = std::snprintf(name, sizeof name, "%s%s", lib.symbols[i].name, suffix);
-      void *address = n > 0 && static_cast<size_t>(n) < sizeof name ? dlsym(handle, name) : nullptr;
+      void *address = n > 0 && static_cast<size_t>(n) < sizeof name ? DynLoadSymbol(handle, name) : nullptr;
       if (address == nullptr) {
          for (size_t j = 0; j < i; j++) {
             *lib.symbols[j].slot = nullptr;
@@ -45,15 +44,14 @@ bool ResolveAll(const DynLibrary &lib, void *handle, const char *soname) {
 
 bool LoadNow(const DynLibrary &lib) {
    for (size_t i = 0; i < lib.numSonames; i++) {
-      // RTLD_LOCAL: the library's names never interpose on the program's.
-      void *handle = dlopen(lib.sonames[i], RTLD_NOW | RTLD_LOCAL);
+      void *handle = DynLoadOpen(lib.sonames[i]);
       if (handle == nullptr) {
          continue;
       }
       if (ResolveAll(lib, handle, lib.sonames[i])) {
          return true;  // kept loaded for the life of the process
       }
-      dlclose(handle);
+      DynLoadClose(handle);
    }
    return false;
 }
