@@ -85,13 +85,37 @@ std::vector<std::string> AdversarialInputs() {
 TEST(Utf8Validation, FastPathAgreesWithAutomatonAndIcu) {
    IcuEngine icu;
    auto check = [](const std::string &s) {
-      bool dfa = halcyx::CodeSetValidateUtf8Dfa(reinterpret_cast<const uint8_t *>(s.data()),
-                                                s.size());
+      auto bytes = reinterpret_cast<const uint8_t *>(s.data());
+      bool dfa = halcyx::CodeSetValidateUtf8Dfa(bytes, s.size());
       ASSERT_EQ(CodeSet_IsValidUTF8(s.data(), s.size()), dfa) << Hex(s);
+      ASSERT_EQ(halcyx::CodeSetValidateUtf8Scalar(bytes, s.size()), dfa) << Hex(s);
+      if (halcyx::CodeSetHasAvx2()) {
+         ASSERT_EQ(halcyx::CodeSetValidateUtf8Avx2(bytes, s.size()), dfa) << Hex(s);
+      }
       ASSERT_EQ(CodeSet_Validate(s.data(), s.size(), "UTF-8"), dfa) << Hex(s);
    };
    for (const std::string &s : AdversarialInputs()) {
       check(s);
+      check(std::string(64, 'x') + s);        // after an ASCII block
+      check(s + std::string(70 - s.size() % 64, '\xC3'));  // across blocks
+   }
+   // Valid text of every width across block boundaries, and the same text
+   // with one byte changed.
+   std::mt19937 rng(7);
+   for (int i = 0; i < 4000; i++) {
+      std::string s;
+      for (size_t n = rng() % 90; n > 0; n--) {
+         uint32_t cp = rng() % 4 == 0 ? rng() % 0x110000 : 0x20 + rng() % 95;
+         uint8_t utf8[4];
+         if (cp < 0xD800 || cp > 0xDFFF) {
+            s.append(reinterpret_cast<char *>(utf8), halcyx::CodeSetEncodeUtf8(cp, utf8));
+         }
+      }
+      check(s);
+      if (!s.empty()) {
+         s[rng() % s.size()] = static_cast<char>(rng());
+         check(s);
+      }
    }
    // A bad or multi-byte sequence at every offset of ASCII runs that cross
    // the 16- and 64-byte strides, including a sequence cut by the end.
