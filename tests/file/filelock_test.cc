@@ -1,0 +1,335 @@
+// Lock files within one host: the directory protocol against what other
+// processes (live, dead or foreign) leave in a lock directory.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "child.h"
+#include "file/fileLockInt.h"
+#include "err.h"
+#include "fileLock.h"
+#include "msgList.h"
+
+namespace fs = std::filesystem;
+using namespace halcyx::filelock;
+using halcyx::test::RunInChild;
+
+namespace {
+
+// A process of this host that has already ended.
+std::string DeadExecutionID() {
+   pid_t pid = fork();
+   if (pid == 0) {
+      _exit(0);
+   }
+   waitpid(pid, nullptr, 0);
+   return std::to_string(pid) + "-1";
+}
+
+class LockDir : public ::testing::Test {
+public:
+   void SetUp() override {
+      char tmpl[] = "/tmp/filelock_test.XXXXXX";
+      ASSERT_NE(mkdtemp(tmpl), nullptr);
+      dir_ = tmpl;
+      path_ = dir_ + "/target";
+      lck_ = path_ + ".lck";
+   }
+   void TearDown() override {
+      std::error_code ec;
+      fs::permissions(dir_, fs::perms::owner_all, ec);
+      fs::remove_all(dir_, ec);
+   }
+
+   // A member file as another locker would leave it.
+   void PlantMember(const std::string &name, const std::string &text, size_t size = kMemberSize) {
+      fs::create_directories(lck_);
+      std::string bytes = text;
+      bytes.resize(size, '\0');
+      std::ofstream(lck_ + "/" + name, std::ios::binary) << bytes;
+   }
+   std::string MemberText(const std::string &execID, unsigned ticket, const char *type) {
+      return std::string(GetMachineID()) + " " + execID + " " + std::to_string(ticket) + " " +
+             type + " 0 lc=" + std::to_string(LocationChecksum(lck_.c_str()));
+   }
+   std::vector<std::string> Entries() {
+      std::vector<std::string> names;
+      std::error_code ec;
+      for (const auto &e : fs::directory_iterator(lck_, ec)) {
+         names.push_back(e.path().filename());
+      }
+      return names;
+   }
+
+   std::string dir_, path_, lck_;
+};
+
+TEST(MemberFormat, ParsesValidRecordsAndRejectsProblematicOnes) {
+   struct Case {
+      const char *text;
+      bool ok;
+      const char *execID;
+      uint32_t ticket;
+      const char *lc;
+   } cases[] = {
+      {"uuid=52-aa 123-456 7 X 456 lc=99", true, "123-456", 7, "99"},
+      {"uuid=52-aa 123-456 7 S 456", true, "123-456", 7, nullptr},
+      {"uuid=52-aa   123-456  7 S 456 a=b lc=1", true, "123-456", 7, "1"},
+      // A bare process id is read as pid-starttime.
+      {"OLDID 123 4 S 99 lc=5", true, "123-99", 4, "5"},
+      {"OLDID 123 4 S 99", true, "123", 4, nullptr},
+      {"id 1-2 3 X", false, nullptr, 0, nullptr},
+      {"id 1-2 3x X 2", false, nullptr, 0, nullptr},
+      {"id 1-2 4294967296 X 2", false, nullptr, 0, nullptr},
+      {"id 1-2 3 Y 2", false, nullptr, 0, nullptr},
+      {"id 1-2 3 X 2 novalue", false, nullptr, 0, nullptr},
+      {"id 1-2 3 X 2 =v", false, nullptr, 0, nullptr},
+      {"id 1-2 3 X 2 k=", false, nullptr, 0, nullptr},
+      {"id 1-2 3 X 2 a=1 b=1 c=1 d=1 e=1 f=1 g=1 h=1 i=1 j=1 k=1", true, "1-2", 3, nullptr},
+      {"id 1-2 3 X 2 a=1 b=1 c=1 d=1 e=1 f=1 g=1 h=1 i=1 j=1 k=1 l=1", false, nullptr, 0, nullptr},
+      {"", false, nullptr, 0, nullptr},
+   };
+   for (const auto &c : cases) {
+      LockValues v;
+      char **argv = nullptr;
+      int argc = 0;
+      EXPECT_EQ(ParseMember(c.text, &v, &argv, &argc), c.ok) << c.text;
+      if (c.ok) {
+         EXPECT_STREQ(v.executionID, c.execID) << c.text;
+         EXPECT_EQ(v.ticket, c.ticket) << c.text;
+         EXPECT_STREQ(v.locationChecksum, c.lc) << c.text;
+      }
+      FreeArgv(argv, argc);
+      FreeValues(&v);
+   }
+}
+
+TEST(MemberFormat, NamesAndLocationChecksum) {
+   for (const char *good : {"M00000.lck", "D65535.lck", "E12345.lck", "M123456.lck"}) {
+      EXPECT_TRUE(ValidName(good)) << good;
+   }
+   for (const char *bad : {"X00000.lck", "M0000.lck", "M0000a.lck", "M00000.lc", "junk", "M"}) {
+      EXPECT_FALSE(ValidName(bad)) << bad;
+   }
+   // Bytes above 0x7f count as negative, as on every other host.
+   EXPECT_EQ(LocationChecksum(""), 5381u);
+   EXPECT_EQ(LocationChecksum("a"), 5381u * 33 + 'a');
+   EXPECT_EQ(LocationChecksum("\xff"), 5381u * 33 - 1);
+}
+
+TEST(MachineIdentity, MatchesAcrossForms) {
+   const char *local = GetMachineID();
+   const char *old = GetOldMachineID();
+   ASSERT_EQ(strlen(old), 16u);
+   if (strncmp(local, "uuid=", 5) != 0) {
+      GTEST_SKIP() << "no SHA-1 on this host";
+   }
+   // The old form of this host with another host-name hash still matches:
+   // only the hardware address counts.
+   std::string renamed = old;
+   renamed[0] = renamed[0] == 'A' ? 'B' : 'A';
+   std::string otherHardware = old;
+   otherHardware[10] = otherHardware[10] == 'A' ? 'B' : 'A';
+   struct Case {
+      const char *a;
+      std::string b;
+      bool match;
+   } cases[] = {
+      {local, local, true},
+      {local, "uuid=52-00", false},
+      {local, old, true},
+      {local, renamed, true},
+      {local, otherHardware, false},
+      {local, "not*base64", false},
+      {old, local, false},
+      {old, old, true},
+   };
+   for (const auto &c : cases) {
+      EXPECT_EQ(MachineIDMatch(c.a, c.b.c_str()), c.match) << c.a << " vs " << c.b;
+   }
+}
+
+TEST(ExecutionIdentity, ValidOnlyWhileThatProcessRuns) {
+   char *own = GetExecutionID();
+   ASSERT_NE(own, nullptr);
+   std::string self = own;
+   free(own);
+   uint64_t start = std::stoull(self.substr(self.find('-') + 1));
+   std::string pid = std::to_string(getpid());
+   struct Case {
+      std::string id;
+      bool valid;
+   } cases[] = {
+      {self, true},
+      {pid + "-" + std::to_string(start + 1), false},  // a recycled process id
+      {pid + "-0", true},
+      {pid, true},
+      {DeadExecutionID(), false},
+      {"garbage", true},  // unparsable: never delete on a guess
+      {"-5-1", true},
+   };
+   for (const auto &c : cases) {
+      EXPECT_EQ(ValidExecutionID(c.id.c_str()), c.valid) << c.id;
+   }
+   // The same process reads the same start time every time.
+   uint64_t a = 0, b = 0;
+   ASSERT_TRUE(ProcessStartTime(getpid(), &a));
+   ASSERT_TRUE(ProcessStartTime(getpid(), &b));
+   EXPECT_EQ(a, b);
+}
+
+TEST(LockPath, Normalization) {
+   char cwd[PATH_MAX];
+   ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+   struct Case {
+      const char *in;
+      std::string out;
+   } cases[] = {
+      {"file", "./file"},
+      {"/file", "/file"},
+      {"//file", "/file"},
+      {"/tmp//x", std::string(fs::canonical("/tmp")) + "/x"},
+      {".//x", std::string(cwd) + "/x"},
+   };
+   for (const auto &c : cases) {
+      char *n = NormalizePath(c.in);
+      ASSERT_NE(n, nullptr) << c.in;
+      EXPECT_EQ(n, c.out) << c.in;
+      free(n);
+   }
+   EXPECT_EQ(NormalizePath("/no/such/dir/x"), nullptr);
+   int err = 0;
+   MsgList *msgs = nullptr;
+   EXPECT_EQ(FileLock_Lock("/no/such/dir/x", false, 0, &err, &msgs), nullptr);
+   EXPECT_EQ(err, EINVAL);
+   ASSERT_NE(msgs, nullptr);
+   EXPECT_STREQ(MsgList_GetMsgID(msgs), "msg.fileLock.posix");
+   char *text = MsgList_ToEnglishString(msgs);
+   EXPECT_EQ(std::string(text),
+             std::string("A file locking error (22) has occurred: ") + Err_Errno2String(EINVAL) + ".\n");
+   free(text);
+   MsgList_Free(msgs);
+}
+
+TEST_F(LockDir, SharedLockersShareAndExclusiveOnesExclude) {
+   struct Case {
+      bool firstShared, secondShared, secondGets;
+   } cases[] = {
+      {true, true, true},
+      {true, false, false},
+      {false, true, false},
+      {false, false, false},
+   };
+   for (const auto &c : cases) {
+      int err = -1;
+      FileLockToken *first = FileLock_Lock(path_.c_str(), c.firstShared, 0, &err, nullptr);
+      ASSERT_NE(first, nullptr);
+      EXPECT_TRUE(FileLock_IsLocked(path_.c_str(), &err, nullptr));
+      // Another process, so that the member is judged as a live neighbour's.
+      auto r = RunInChild([&] {
+         int e = -1;
+         FileLockToken *second = FileLock_Lock(path_.c_str(), c.secondShared, 0, &e, nullptr);
+         if (second != nullptr) {
+            _exit(FileLock_Unlock(second, &e, nullptr) ? 0 : 3);
+         }
+         _exit(e == EAGAIN ? 1 : 2);
+      });
+      EXPECT_EQ(r.ExitCode(), c.secondGets ? 0 : 1) << c.firstShared << c.secondShared << r.out;
+      EXPECT_TRUE(FileLock_Unlock(first, &err, nullptr));
+      EXPECT_FALSE(FileLock_IsLocked(path_.c_str(), &err, nullptr));
+      EXPECT_EQ(err, 0);
+      EXPECT_FALSE(fs::exists(lck_)) << "an empty lock directory is removed";
+   }
+}
+
+TEST_F(LockDir, LeftoversAreCleared) {
+   struct Case {
+      const char *what;
+      std::function<void(LockDir *)> plant;
+      bool holdsLock;  // the leftover still blocks an exclusive try
+   } cases[] = {
+      {"foreign file", [](LockDir *t) { t->PlantMember("junk", "x"); }, false},
+      {"foreign directory", [](LockDir *t) { fs::create_directories(t->lck_ + "/sub"); }, false},
+      {"short member", [](LockDir *t) { t->PlantMember("M00001.lck", t->MemberText("1-1", 1, "X"), 511); }, false},
+      {"unparsable member", [](LockDir *t) { t->PlantMember("M00002.lck", "garbage"); }, false},
+      {"dead local holder", [](LockDir *t) { t->PlantMember("M00003.lck", t->MemberText(DeadExecutionID(), 1, "X")); }, false},
+      {"moved lock directory",
+       [](LockDir *t) {
+          char *self = GetExecutionID();
+          std::string text = std::string(GetMachineID()) + " " + self + " 1 X 0 lc=1";
+          free(self);
+          t->PlantMember("M00004.lck", text);
+       },
+       false},
+      {"live local holder",
+       [](LockDir *t) {
+          t->PlantMember("M00005.lck", t->MemberText("1-0", 1, "X"));  // init never ends
+       },
+       true},
+      {"lock path is a regular file", [](LockDir *t) { std::ofstream(t->lck_) << "x"; }, false},
+   };
+   for (const auto &c : cases) {
+      auto r = RunInChild([&] {
+         c.plant(this);  // here, so that "own" members are the locker's own
+         int e;
+         FileLockToken *t = FileLock_Lock(path_.c_str(), false, 0, &e, nullptr);
+         _exit(t != nullptr ? 0 : e == EAGAIN ? 1 : 2);
+      });
+      EXPECT_EQ(r.ExitCode(), c.holdsLock ? 1 : 0) << c.what << "\n" << r.out;
+      if (!c.holdsLock) {
+         // The child's own member stays (it never unlocked); nothing else.
+         auto left = Entries();
+         ASSERT_EQ(left.size(), 1u) << c.what;
+         EXPECT_EQ(left[0][0], 'M') << c.what;
+      }
+      fs::remove_all(lck_);
+   }
+}
+
+TEST_F(LockDir, ReadOnlyLocationGivesImplicitReadLock) {
+   ASSERT_EQ(chmod(dir_.c_str(), 0555), 0);
+   auto r = RunInChild([&] {
+      // Root may write anywhere: take a plain user's rights.
+      if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) {
+         _exit(10);
+      }
+      int e = 0;
+      if (FileLock_Lock(path_.c_str(), false, 0, &e, nullptr) != nullptr || e != EACCES) {
+         _exit(11);
+      }
+      FileLockToken *t = FileLock_Lock(path_.c_str(), true, 0, &e, nullptr);
+      if (t == nullptr || e != 0) {
+         _exit(12);
+      }
+      _exit(FileLock_Unlock(t, &e, nullptr) && e == 0 ? 0 : 13);
+   });
+   EXPECT_EQ(r.ExitCode(), 0) << r.out;
+   EXPECT_NE(r.out.find("implicit S lock succeeded"), std::string::npos) << r.out;
+   EXPECT_FALSE(fs::exists(lck_));
+}
+
+TEST(LockRandom, ForkedChildDrawsItsOwnNumbers) {
+   SimpleRandom();
+   int fds[2];
+   ASSERT_EQ(pipe(fds), 0);
+   auto r = RunInChild([&] {
+      uint32_t v = SimpleRandom();
+      (void)!write(fds[1], &v, sizeof v);
+   });
+   uint32_t child = 0;
+   ASSERT_EQ(read(fds[0], &child, sizeof child), static_cast<ssize_t>(sizeof child));
+   close(fds[0]);
+   close(fds[1]);
+   EXPECT_NE(child, SimpleRandom());
+   (void)r;
+}
+
+}  // namespace
