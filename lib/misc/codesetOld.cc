@@ -285,11 +285,11 @@ bool CodeSetOld_GenericToGenericDb(const char *codeIn, const char *bufIn, size_t
    if (flags > CODESET_FLAG_SKIP) {
       halcyx::PanicNotImplemented(kCodeSetModulePath, __LINE__);
    }
+   if (bufIn == nullptr || sizeIn == 0) {
+      return true;
+   }
    Form from = FormOf(codeIn);
    Form to = FormOf(codeOut);
-   if (bufIn == nullptr || sizeIn == 0) {
-      return from != Form::kNone && to != Form::kNone;
-   }
    if (from == Form::kUtf8 && to == Form::kUtf16le && flags == CODESET_FLAG_STOP) {
       return Utf8ToUtf16leFast(bufIn, sizeIn, db);
    }
