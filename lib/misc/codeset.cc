@@ -1,11 +1,10 @@
 /*
- * Code-set conversion: engine selection, the public conversions, UTF-8
- * validation and the code-point helpers.
+ * Code-set conversion: engine selection, the public conversions and the
+ * code-point helpers (UTF-8 validation is in codesetUtf8.cc).
  *
- * Engine selection happens once, in CodeSet_Init, and only looks for ICU's
- * data file; ICU itself is loaded by the ICU engine on its first call, so a
+ * Engine selection happens in CodeSet_Init and only looks for ICU's data
+ * file; ICU itself is loaded by the ICU engine on its first call, so a
  * program that never converts through ICU never maps it.
- * UTF-8 validation lives in codesetUtf8.cc.
  */
 #include "codeset.h"
 
