@@ -36,6 +36,9 @@ using halcyx::kCodeSetModulePath;
 enum class Form { kUtf8, kUtf16le, kUtf16be, kAscii, kNone };
 
 Form FormOf(const char *name) {
+   if (name == nullptr) {
+      return Form::kNone;
+   }
    int32_t encoding = std::strcmp(name, CodeSetOld_GetCurrentCodeSet()) == 0
                          ? Unicode_GetCurrentEncoding()
                          : Unicode_EncodingNameToEnum(name);

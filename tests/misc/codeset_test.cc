@@ -185,6 +185,8 @@ TEST(Conversion, FlagsDecideTheFateOfBadInput) {
                 (Converted{true, std::string("\x28\x00", 2)}));
       EXPECT_EQ(Convert("UTF-8", "", "UTF-16LE", 0), (Converted{true, ""}));
       EXPECT_EQ(Convert("latin1", "a", "UTF-8", 0).ok, withIcu);
+      EXPECT_FALSE(Convert(nullptr, "a", "UTF-8", 0).ok);
+      EXPECT_FALSE(Convert("UTF-8", "a", "no-such-set", 0).ok);
       auto r = RunInChild([] { Convert("UTF-8", "a", "UTF-16LE", 3); });
       EXPECT_EQ(r.ExitCode(), 1);
       EXPECT_NE(r.out.find("NOT_IMPLEMENTED lib/misc/codeset:"), std::string::npos) << r.out;
