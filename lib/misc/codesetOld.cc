@@ -202,11 +202,9 @@ size_t Encode(Form form, uint32_t cp, uint8_t *out) {
    }
 }
 
+// flags is one of the three known values.
 bool Convert(Form from, const char *bufIn, size_t sizeIn, Form to, unsigned int flags,
              DynBuf *db) {
-   if (flags > CODESET_FLAG_SKIP) {
-      halcyx::PanicNotImplemented(kCodeSetModulePath, __LINE__);
-   }
    if (from == Form::kNone || to == Form::kNone) {
       return false;
    }
