@@ -17,3 +17,7 @@ set(HALCYX_SERVICE_SOCKET_DIR "/run" CACHE STRING
     "Directory of the privileged service listener's sockets")
 set(HALCYX_ADMIN_TRUST_STORE "/etc/halcyx/trust" CACHE STRING
     "Root-owned directory of PEM anchors for 'anchor trusted'")
+set(HALCYX_DAEMON_LOG_PATH "/var/log/Zorvex Halcyx Services.log" CACHE STRING
+    "Log file of the reference services daemon")
+set(HALCYX_VENDOR_ROOTS_PEM "" CACHE FILEPATH
+    "PEM file of the vendor root certificates pinned into the code-signature verifier (empty: a development root is generated in the build tree)")

@@ -25,7 +25,8 @@ int main(int argc, char **argv) {
       return 1;
    }
 
-   ServiceImpl_SetPrepareDaemonCallback(ServiceImplPrepareServicesTree);
+   // No prepare-daemon callback yet: the daemon starts from the Services
+   // tree as it is installed.
    return ServiceImpl_Opener(argc, argv, HALCYX_LOG_LEVEL, HALCYX_LOCK_PATH,
                              HALCYX_SOCKET_PATH, daemonPath);
 }

@@ -1,6 +1,6 @@
 /*
  * Entry of the opener's service logic: privilege bracket, mode selection
- * and shell mode.
+ * and shell mode. The rendezvous itself is in rendezvous.cc.
  */
 #include "serviceImpl.h"
 
@@ -46,18 +46,6 @@ int ServiceImplShell(const char *lockPath, const char *socketPath,
 
 extern "C" {
 
-/*
- * The rendezvous with the services daemon is not part of this build yet: it
- * reports failure so that the opener exits with status 1 instead of
- * pretending to have handed the descriptor over.
- */
-bool ServiceImplOpener(const char *, const char *, const char *, int) {
-   (void)sPrepareDaemon;
-   Warning("%s: The service rendezvous is not available in this build.\n",
-           "ServiceImplOpener");
-   return false;
-}
-
 void ServiceImpl_PrivLower(void) {
    sSavedEuid = geteuid();
    if (seteuid(getuid()) != 0) {
@@ -75,26 +63,11 @@ void ServiceImpl_SetPrepareDaemonCallback(ServiceImplPrepareDaemonFn callback) {
    sPrepareDaemon = callback;
 }
 
+ServiceImplPrepareDaemonFn ServiceImplGetPrepareDaemonCallback(void) { return sPrepareDaemon; }
+
 void LogLevel_UserExtensionCreate(void) {}
 
 int LogLevel_Set(const char *, const char *, int) { return -1; }
-
-bool ServiceImplClose(int *fdSlot, bool *okFlag) {
-   int fd = *fdSlot;
-   if (fd == -1) {
-      return true;
-   }
-   *fdSlot = -1;
-   // Never retried: on Linux the descriptor is released even on EINTR.
-   if (close(fd) != 0) {
-      Warning("%s: close %d errno %d.\n", "ServiceImplClose", fd, errno);
-      if (okFlag != nullptr) {
-         *okFlag = false;
-      }
-      return false;
-   }
-   return true;
-}
 
 int ServiceImpl_Opener(int argc, char **argv, int logLevel, const char *lockPath,
                        const char *socketPath, const char *daemonPath) {

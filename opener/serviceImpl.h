@@ -11,6 +11,7 @@
 #define HALCYX_OPENER_SERVICEIMPL_H
 
 #include "halcyx_base.h"
+#include "serviceProtocol.h"
 
 HALCYX_EXTERN_C_BEGIN
 
@@ -28,6 +29,8 @@ void ServiceImpl_PrivLower(void);
 void ServiceImpl_PrivRaise(void);
 
 void ServiceImpl_SetPrepareDaemonCallback(ServiceImplPrepareDaemonFn callback);
+/* The registered callback, or null when none is registered. */
+ServiceImplPrepareDaemonFn ServiceImplGetPrepareDaemonCallback(void);
 
 /*
  * Runs the opener: argc 2 hands over descriptor atoi(argv[1]); argc 1
@@ -43,19 +46,15 @@ int ServiceImpl_Opener(int argc, char **argv, int logLevel, const char *lockPath
 void LogLevel_UserExtensionCreate(void);
 int LogLevel_Set(const char *extension, const char *module, int level);
 
-/* The rendezvous: true when the daemon acknowledged fdToPass with "1". */
+/*
+ * The rendezvous: makes sure a daemon listens on socketPath (starting
+ * daemonPath with the listening socket and a watch pipe when nobody does)
+ * and hands it fdToPass. True when the daemon acknowledged it with "1".
+ * fdToPass is never closed; a number that names no open descriptor when
+ * the call begins is never replaced by one of the rendezvous's own.
+ */
 bool ServiceImplOpener(const char *lockPath, const char *socketPath,
                        const char *daemonPath, int fdToPass);
-
-/*
- * Closes *fdSlot unless it holds -1 and sets it to -1. A failed close is
- * logged and, when okFlag is given, clears *okFlag. Returns whether the
- * close succeeded (a slot holding -1 counts as success).
- */
-bool ServiceImplClose(int *fdSlot, bool *okFlag);
-
-/* The prepare-daemon callback that rebuilds the Services tree. */
-bool ServiceImplPrepareServicesTree(void);
 
 HALCYX_EXTERN_C_END
 

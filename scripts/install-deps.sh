@@ -10,6 +10,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libicu-dev libssl-dev libplist-dev
   util-linux passwd                 # setpriv, and the "nobody" account
+  iproute2                          # network namespaces of the two-host lock test
+  openssl attr                      # code-signing tests: PKI and extended attributes
 )
 
 missing=()

@@ -22,6 +22,7 @@
 #include "internal/fatal.h"
 #include "internal/unique.h"
 #include "err.h"
+#include "file.h"
 #include "log.h"
 #include "str.h"
 #include "util.h"
@@ -243,10 +244,7 @@ uint32_t FileIO_CloseAndUnlink(FileIODescriptor *fd) {
    if (result != FILEIO_SUCCESS) {
       return result;
    }
-   if (path && unlink(path.get()) != 0 && errno != ENOENT) {
-      return FILEIO_ERROR;
-   }
-   return FILEIO_SUCCESS;
+   return File_UnlinkIfExists(path.get()) == 0 ? FILEIO_SUCCESS : FILEIO_ERROR;
 }
 
 uint32_t FileIO_Access(const char *path, int mode) {
@@ -285,7 +283,7 @@ int FileIO_PrivilegedPosixOpen(const char *path, int flags) {
 
 uint32_t FileIO_AtomicTempFile(FileIODescriptor *fd, FileIODescriptor *tempFd) {
    const char *fn = "FileIO_AtomicTempFile";
-   UniqueCStr full(realpath(fd->fileName, nullptr));
+   UniqueCStr full(File_FullPath(fd->fileName));
    if (!full) {
       Log("%s: File_FullPath of '%s' failed.\n", fn, fd->fileName);
       return FILEIO_ERROR;

@@ -21,6 +21,7 @@
 #include "file/fileLockInt.h"
 #include "internal/unique.h"
 #include "err.h"
+#include "file.h"
 #include "log.h"
 #include "msgList.h"
 #include "str.h"
@@ -341,24 +342,26 @@ bool ValidExecutionID(const char *executionID) {
 }
 
 char *NormalizePath(const char *path) {
-   if (path == nullptr) {
+   if (path == nullptr || path[0] == '\0') {
       return nullptr;
    }
-   const char *slash = strrchr(path, '/');
-   const char *base = slash != nullptr ? slash + 1 : path;
-   size_t dirLen = slash != nullptr ? static_cast<size_t>(slash - path) : 0;
-   while (dirLen > 0 && path[dirLen - 1] == '/') {
-      dirLen--;
+   char *dirPart = nullptr;
+   char *basePart = nullptr;
+   File_GetPathName(path, &dirPart, &basePart);
+   UniqueCStr dir(dirPart);
+   UniqueCStr base(basePart);
+   if (!dir || !base) {
+      return nullptr;
    }
-   if (dirLen == 0) {
-      return Str_SafeAsprintf(nullptr, "%s/%s", path[0] == '/' ? "" : ".", base);
+   if (dir.get()[0] == '\0') {
+      // A bare name stays relative on purpose.
+      return Str_SafeAsprintf(nullptr, "%s/%s", path[0] == '/' ? "" : ".", base.get());
    }
-   UniqueCStr dir(UtilSafeStrndup0(path, dirLen));
-   UniqueCStr full(realpath(dir.get(), nullptr));
+   UniqueCStr full(File_FullPath(dir.get()));
    if (!full) {
       return nullptr;
    }
-   return Str_SafeAsprintf(nullptr, "%s/%s", full.get(), base);
+   return Str_SafeAsprintf(nullptr, "%s/%s", full.get(), base.get());
 }
 
 }  // namespace halcyx::filelock

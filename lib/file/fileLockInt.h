@@ -12,6 +12,7 @@
 #ifndef HALCYX_FILE_FILELOCKINT_H
 #define HALCYX_FILE_FILELOCKINT_H
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -22,7 +23,7 @@ namespace halcyx::filelock {
 
 inline constexpr size_t kMemberSize = 512;      // bytes of every member file
 inline constexpr int kMaxTokens = 16;           // of a member file's text
-inline constexpr uint32_t kTimeoutErr = 35;     // portable time-out result inside the protocol
+inline constexpr int kTimeoutErr = EAGAIN;      // the possession wait gave up
 
 // One member's values, or the caller's own (watch list only there).
 struct LockValues {

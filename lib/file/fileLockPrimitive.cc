@@ -220,9 +220,15 @@ int MemberValues(const char *lockDir, const char *name, LockValues *values) {
    UniqueCStr path(Join(lockDir, name));
    FileIODescriptor handle;
    FileIO_Invalidate(&handle);
-   if (FileIO_Create(&handle, path.get(), FILEIO_ACCESS_READ, FILEIO_ACTION_OPEN, 0444) !=
-       FILEIO_SUCCESS) {
+   // Never through a link, never blocking on a FIFO: whoever can write to
+   // the lock directory must not make us read (and log) another file.
+   if (FileIO_Create(&handle, path.get(),
+                     FILEIO_ACCESS_READ | FILEIO_ACCESS_NOFOLLOW | FILEIO_ACCESS_NONBLOCK,
+                     FILEIO_ACTION_OPEN, 0444) != FILEIO_SUCCESS) {
       int err = errno;
+      if (err == ELOOP) {
+         return DiscardProblematic(lockDir, name, path.get(), nullptr, 0);
+      }
       if (err != ENOENT) {
          Warning("FILE: %s open failure on '%s': %s\n", fn, path.get(), Err_Errno2String(err));
       }
@@ -235,7 +241,7 @@ int MemberValues(const char *lockDir, const char *name, LockValues *values) {
       FileIO_Close(&handle);
       return err;
    }
-   if (static_cast<uint64_t>(st.st_size) != kMemberSize) {
+   if (!S_ISREG(st.st_mode) || static_cast<uint64_t>(st.st_size) != kMemberSize) {
       Warning("FILE: %s file '%s': size %llu, required size %zd\n", fn, path.get(),
               static_cast<unsigned long long>(st.st_size), static_cast<ssize_t>(kMemberSize));
       FileIO_Close(&handle);
@@ -419,7 +425,7 @@ int WaitForPossession(const char *lockDir, const char *fileName, LockValues *mem
       Log("FILE: %s timeout on '%s' due to another machine '%s'\n", fn, path.get(),
           member->machineID);
    }
-   return static_cast<int>(kTimeoutErr);
+   return kTimeoutErr;
 }
 
 // The paths of one attempt's D, E and M entries.
@@ -437,8 +443,10 @@ struct Entry {
 int CreateEntryDirectory(const char *lockDir, const LockValues *me, Entry *entry) {
    const char *fn = "FileLockCreateEntryDirectory";
    for (;;) {
+      // A link is not a directory: followed, it would let whoever made it
+      // choose where members are written and foreign names deleted.
       struct stat st;
-      if (stat(lockDir, &st) == 0) {
+      if (lstat(lockDir, &st) == 0) {
          if (!S_ISDIR(st.st_mode)) {
             if (unlink(lockDir) != 0) {
                int err = errno;
@@ -617,7 +625,7 @@ FileLockToken *LockIntrinsic(const char *path, bool exclusive, uint32_t msecMaxW
       ErrnoSaver keep;
       unlink(entry.member.get());
       RemoveDirectory(lockDir.get());
-      *err = res == static_cast<int>(kTimeoutErr) ? 0 : res;
+      *err = res == kTimeoutErr ? 0 : res;
       return nullptr;
    }
    *err = 0;
@@ -625,6 +633,9 @@ FileLockToken *LockIntrinsic(const char *path, bool exclusive, uint32_t msecMaxW
 }
 
 int UnlockIntrinsic(FileLockToken *token) {
+   if (token == nullptr || token->signature != kTokenSignature) {
+      return EINVAL;  // not a token, or one already released
+   }
    int err = 0;
    if (token->memberPath != &gImplicitReadLock) {
       err = unlink(token->memberPath) == 0 ? 0 : errno;

@@ -11,6 +11,15 @@
  * the caller names survive into the daemon; the closing uses close_range
  * over the gaps between them, so its cost does not grow with the descriptor
  * limit.
+ *
+ * Both forks are vforks: no address space is copied, and each parent stays
+ * suspended until its child has exec'd or ended, so the children run in the
+ * caller's memory as if they were the calling thread. They write nothing the
+ * caller owns (the keep list stays the caller's to free), make system calls
+ * and, on failure, format a message; their descriptors, signal actions,
+ * timers, limits and session are their own. All signals stay blocked in the
+ * caller until the first child has reset every action, so no handler of the
+ * caller's runs in a child.
  */
 #include "hostinfo.h"
 
@@ -18,6 +27,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <memory>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/time.h>
@@ -199,10 +209,19 @@ struct LaunchRequest {
    DaemonizeFail(statusFd, error);
 }
 
-[[noreturn]] void DaemonizeChild(const LaunchRequest &req, int statusFd, int *keep,
+// vfork with the child running body, which never returns. Kept apart so
+// that nothing of the calling frame is live across the vfork.
+template <typename Body> __attribute__((noinline)) pid_t VforkInto(const Body &body) {
+   pid_t child = vfork();
+   if (child == 0) {
+      body();
+   }
+   return child;
+}
+
+[[noreturn]] void DaemonizeChild(const LaunchRequest &req, int statusFd, const int *keep,
                                  size_t numKeep) {
    Hostinfo_ResetProcessState(keep, numKeep);
-   free(keep);
    sigset_t none;
    sigemptyset(&none);
    sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -211,15 +230,12 @@ struct LaunchRequest {
       Warning("%s: Couldn't create new session, error %d.\n", kTag, errno);
       _exit(1);
    }
-   pid_t pid = fork();
-   if (pid < 0) {
+   // Returns once the daemon-to-be has exec'd or ended.
+   if (VforkInto([&] { DaemonizeGrandchild(req, statusFd); }) < 0) {
       Warning("%s: Couldn't fork second child, error %d.\n", kTag, errno);
       _exit(1);
    }
-   if (pid > 0) {
-      _exit(0);
-   }
-   DaemonizeGrandchild(req, statusFd);
+   _exit(0);
 }
 
 // Everything between the PID file and its fate: returns 0 when the daemon
@@ -270,14 +286,16 @@ int DaemonizeLaunch(const char *path, char const *const *args, uint32_t flags,
 
    const LaunchRequest req = {nativePath.get(), nativeArgs.get(), flags, pidPath,
                               pidFd,            keepFds,          numKeepFds};
-   pid_t child = fork();
+   sigset_t all, saved;
+   sigfillset(&all);
+   pthread_sigmask(SIG_SETMASK, &all, &saved);
+   // Returns once the first child has ended.
+   pid_t child = VforkInto([&] { DaemonizeChild(req, writeEnd.get(), keep.get(), numKeep); });
+   int forkError = errno;
+   pthread_sigmask(SIG_SETMASK, &saved, nullptr);
    if (child < 0) {
-      int error = errno;
-      Warning("%s: Couldn't fork first child, error %u.\n", kTag, error);
-      return error;
-   }
-   if (child == 0) {
-      DaemonizeChild(req, writeEnd.get(), keep.get(), numKeep);
+      Warning("%s: Couldn't fork first child, error %u.\n", kTag, forkError);
+      return forkError;
    }
    writeEnd.reset();
 

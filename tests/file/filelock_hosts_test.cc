@@ -14,6 +14,7 @@
 
 #include "child.h"
 #include "file/fileLockInt.h"
+#include "file_test_util.h"
 #include "fileLock.h"
 
 namespace fs = std::filesystem;
@@ -41,9 +42,8 @@ TEST(LockFileHosts, OtherHostsMembersAreOnlyWaitedFor) {
    if (geteuid() != 0) {
       GTEST_SKIP() << "network namespaces need root";
    }
-   char tmpl[] = "/tmp/filelock_hosts.XXXXXX";
-   ASSERT_NE(mkdtemp(tmpl), nullptr);
-   std::string path = std::string(tmpl) + "/shared";
+   halcyx::test::TempDir tmp;
+   std::string path = tmp.Path("shared");
    const std::string hostA = "02:00:00:00:0a:01";
    const std::string hostB = "02:00:00:00:0b:01";
 
@@ -56,7 +56,6 @@ TEST(LockFileHosts, OtherHostsMembersAreOnlyWaitedFor) {
       fputs(GetMachineID(), stderr);
    });
    if (a.ExitCode() == kNoNamespace) {
-      fs::remove_all(tmpl);
       GTEST_SKIP() << "cannot make a network namespace with a veth pair (iproute2)";
    }
    ASSERT_EQ(a.ExitCode(), 0) << a.out;
@@ -87,7 +86,6 @@ TEST(LockFileHosts, OtherHostsMembersAreOnlyWaitedFor) {
    EXPECT_EQ(again.ExitCode(), 0) << again.out;
    EXPECT_NE(again.out.find("invalid executionID"), std::string::npos) << again.out;
    EXPECT_FALSE(fs::exists(path + ".lck"));
-   fs::remove_all(tmpl);
 }
 
 }  // namespace

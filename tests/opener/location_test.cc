@@ -4,24 +4,24 @@
 
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <sstream>
 #include <unistd.h>
 
 #include "child.h"
 #include "internal/location.h"
 #include "location.h"
+#include "probe_report.h"
 #include "setuid_install.h"
+#include "temp_dir.h"
 
-using halcyx::test::ChildResult;
-using halcyx::test::LogEntries;
-using halcyx::test::RunAsNobody;
-using halcyx::test::RunInChild;
-using halcyx::test::SetuidInstall;
-
+using namespace halcyx::test;
 namespace fs = std::filesystem;
 
 namespace {
+
+std::vector<std::string> Tail(const std::string &out) {  // log entries after the first
+   auto log = LogEntries(out);
+   return std::vector<std::string>(log.begin() + (log.empty() ? 0 : 1), log.end());
+}
 
 std::vector<std::string> InitLog(const std::vector<const char *> &tags) {
    auto r = RunInChild([&] {
@@ -61,112 +61,80 @@ TEST(LocationKeys, SubPathsAreExactAndUnknownKeysAreNull) {
    EXPECT_EQ(Location_GetSubPath(""), nullptr);
 }
 
-// The probe's "key=result" lines.
-std::map<std::string, std::string> Lookups(const std::string &text) {
-   std::map<std::string, std::string> found;
-   std::istringstream lines(text);
-   std::string line;
-   while (std::getline(lines, line)) {
-      size_t equals = line.find('=');
-      if (equals != std::string::npos) {
-         found[line.substr(0, equals)] = line.substr(equals + 1);
-      }
-   }
-   return found;
-}
-
-class LocationTree : public ::testing::Test {
+class LocationRoot : public TempDirTest {
 protected:
-   void SetUp() override {
-      std::string pattern = (fs::temp_directory_path() / "halcyx-loc-XXXXXX").string();
-      ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-      dir_ = pattern;
-   }
-   void TearDown() override { fs::remove_all(dir_); }
-
-   // Runs program (through whatever link) as the probe with tag.
-   static ChildResult Locate(const fs::path &program, const char *tag,
-                             const std::vector<std::string> &keys) {
+   // The probe at program (reached through whatever link) looks key up
+   // under tag, with the environment variable set.
+   static ChildResult Locate(const fs::path &program, const char *tag, const char *key) {
       return RunInChild([&] {
-         std::vector<const char *> argv = {"process_probe", "location", tag, "/nonexistent",
-                                           "keep"};
-         for (const auto &key : keys) {
-            argv.push_back(key.c_str());
-         }
-         argv.push_back(nullptr);
          setenv("ZORVEX_LOCATION_ROOT_FULLPATH", "/from/environment", 1);
-         execv(program.c_str(), const_cast<char **>(argv.data()));
+         execl(program.c_str(), "process_probe", "location", tag, "/nonexistent", "keep", key,
+               nullptr);
          _exit(127);
       });
    }
 
-   fs::path dir_;
 };
 
-TEST_F(LocationTree, KnownTagsStripTheirUpCountFromTheRealExecutablePath) {
-   fs::path bundle = dir_ / "X.app";
-   fs::path services = bundle / "Contents/Library/services";
+TEST_F(LocationRoot, KnownTagsStripTheirUpCountFromTheRealExecutablePath) {
+   fs::path bundle = dir_ / "X.app", services = bundle / "Contents/Library/services";
    fs::create_directories(services);
-   fs::path opener = services / "Open Zorvex Halcyx Services";
-   fs::copy_file(PROBE_PATH, opener);
-   fs::create_symlink(opener, dir_ / "link");
-   std::string root = fs::canonical(bundle).string();
-
-   ChildResult r = Locate(dir_ / "link", "halcyx-opener", {"rootDir", "idFile", "nosuchKey"});
-   ASSERT_EQ(r.ExitCode(), 0) << "127: the probe did not start";
-   EXPECT_TRUE(LogEntries(r.out).empty()) << r.out;
-   EXPECT_EQ(Lookups(r.err), (std::map<std::string, std::string>{
-                                {"rootDir", root},
-                                {"idFile", root + "/Contents/Library/zorvex-id"},
-                                {"nosuchKey", "(null)"}}));
-   r = Locate(dir_ / "link", "zorvex-id", {"rootDir"});
-   EXPECT_EQ(Lookups(r.err)["rootDir"], root + "/Contents");
-}
-
-TEST_F(LocationTree, UpCountsThatRunOutOfSlashes) {
-   fs::path program = fs::canonical(dir_) / "probe";
-   fs::copy_file(PROBE_PATH, program);
-   const std::string text = program.string();
-   if (std::count(text.begin(), text.end(), '/') != 3) {
-      GTEST_SKIP() << "needs a temporary directory one level below /: " << program;
-   }
-   ChildResult r = Locate(program, "zorvex-id", {"rootDir", "idFile"});
-   EXPECT_EQ(Lookups(r.err), (std::map<std::string, std::string>{
-                                {"rootDir", ""}, {"idFile", "/Contents/Library/zorvex-id"}}));
-   r = Locate(program, "halcyx-opener", {"rootDir"});
-   EXPECT_EQ(Lookups(r.err)["rootDir"], "(null)");
-   EXPECT_EQ(LogEntries(r.out), std::vector<std::string>{"Warning: LocationGetRoot: sUpCount "
-                                                         "(4) is too large for " +
-                                                         text + "\n"});
-}
-
-TEST_F(LocationTree, UnknownTagTakesTheEnvironmentThenTheProductFileAsTheyStand) {
-   const std::string unableWarning =
-      "Warning: LocationGetRoot: Unable to determine the product location. It is likely "
-      "that the product has never been run on this machine.\n";
-   const std::string failedOpen = "LocationLastUsed: Failed opening lastLocationUsed.\n";
-   fs::path file = dir_ / "lastLocationUsed";
-   std::string self = fs::canonical("/proc/self/exe").string();
+   fs::copy_file(PROBE_PATH, services / "Open Zorvex Halcyx Services");
+   fs::create_symlink(services / "Open Zorvex Halcyx Services", dir_ / "link");
+   // A program directly in a directory below /: up-counts run out of slashes.
+   fs::copy_file(PROBE_PATH, dir_ / "probe");
+   bool shallow = std::count(dir_.native().begin(), dir_.native().end(), '/') == 2;
+   std::string tooLarge =
+      "Warning: LocationGetRoot: sUpCount (4) is too large for " + (dir_ / "probe").native() + "\n";
    struct Case {
-      const char *variable;   // null: no environment source
-      const char *value;      // null: variable not set
-      std::string content;    // of the product file; "-" for no file at all
-      bool productFile;       // false: no product-file source
-      std::string expected;   // the root, or "(null)"
+      fs::path program;
+      const char *tag, *key;
+      std::string expected;
       std::vector<std::string> log;
    } cases[] = {
-      {"ZORVEX_LOCATION_ROOT_FULLPATH", "/env/X.app/", "/file/X.app", true, "/env/X.app/", {}},
-      {"ZORVEX_LOCATION_ROOT_FULLPATH", nullptr, "/file/X.app\n", true, "/file/X.app\n", {}},
-      {nullptr, "ignored", std::string("/a\0b", 4), true, "/a", {}},
-      {nullptr, nullptr, "/" + std::string(1022, 'a'), true, "/" + std::string(1022, 'a'), {}},
-      {nullptr, nullptr, "/" + std::string(1023, 'a'), true, "(null)",
-       {failedOpen, unableWarning}},
-      {nullptr, nullptr, "-", true, "(null)", {failedOpen, unableWarning}},
-      {nullptr, nullptr, "-", false, self, {}},
-      {"ZORVEX_LOCATION_ROOT_FULLPATH", nullptr, "-", false, "(null)", {}},
+      {dir_ / "link", "halcyx-opener", "rootDir", bundle, {}},
+      {dir_ / "link", "halcyx-opener", "idFile", bundle / "Contents/Library/zorvex-id", {}},
+      {dir_ / "link", "zorvex-id", "rootDir", bundle / "Contents", {}},
+      {dir_ / "link", "halcyx-opener", "nosuchKey", "(null)", {}},
+      {dir_ / "probe", "zorvex-id", "idFile", "/Contents/Library/zorvex-id", {}},
+      {dir_ / "probe", "halcyx-opener", "rootDir", "(null)", {tooLarge}},
    };
    for (const Case &c : cases) {
-      SCOPED_TRACE(c.expected.substr(0, 40));
+      if (!shallow && c.program == dir_ / "probe") {
+         continue;  // the temporary directory is deeper than one level below /
+      }
+      ChildResult r = Locate(c.program, c.tag, c.key);
+      ASSERT_EQ(r.ExitCode(), 0) << "127: the probe did not start";
+      EXPECT_EQ(ProbeReport(r.err)[c.key], c.expected) << c.tag << " " << c.key;
+      EXPECT_EQ(LogEntries(r.out), c.log);
+   }
+}
+
+TEST_F(LocationRoot, UnknownTagTakesTheEnvironmentThenTheProductFileAsTheyStand) {
+   const std::vector<std::string> unable = {
+      "LocationLastUsed: Failed opening lastLocationUsed.\n",
+      "Warning: LocationGetRoot: Unable to determine the product location. It is likely "
+      "that the product has never been run on this machine.\n"};
+   const char *kVariable = "ZORVEX_LOCATION_ROOT_FULLPATH";
+   fs::path file = dir_ / "lastLocationUsed";
+   struct Case {
+      const char *variable;  // the variable's name; null: no such source
+      const char *value;     // null: not set
+      std::string content;   // of the product file; "-": no file
+      bool productFile;      // false: no such source
+      std::string expected;
+      std::vector<std::string> log;
+   } cases[] = {
+      {kVariable, "/env/X.app/", "/file/X.app", true, "/env/X.app/", {}},
+      {kVariable, nullptr, "/file/X.app\n", true, "/file/X.app\n", {}},
+      {nullptr, "/env", std::string("/a\0b", 4), true, "/a", {}},
+      {nullptr, nullptr, "/" + std::string(1022, 'a'), true, "/" + std::string(1022, 'a'), {}},
+      {nullptr, nullptr, "/" + std::string(1023, 'a'), true, "(null)", unable},
+      {nullptr, nullptr, "-", true, "(null)", unable},
+      {nullptr, nullptr, "-", false, fs::canonical("/proc/self/exe"), {}},
+      {kVariable, nullptr, "-", false, "(null)", {}},
+   };
+   for (const Case &c : cases) {
       fs::remove(file);
       if (c.content != "-") {
          std::ofstream(file, std::ios::binary) << c.content;
@@ -175,18 +143,13 @@ TEST_F(LocationTree, UnknownTagTakesTheEnvironmentThenTheProductFileAsTheyStand)
          Location_Init("no-such-program");
          halcyx::gLocationRootVariable = c.variable;
          halcyx::gLocationProductFile = c.productFile ? file.c_str() : nullptr;
-         if (c.value != nullptr) {
-            setenv("ZORVEX_LOCATION_ROOT_FULLPATH", c.value, 1);
-         } else {
-            unsetenv("ZORVEX_LOCATION_ROOT_FULLPATH");
-         }
+         c.value != nullptr ? setenv(kVariable, c.value, 1) : unsetenv(kVariable);
          char *root = Location_Get("rootDir");
          fprintf(stderr, "%s", root != nullptr ? root : "(null)");
          free(root);
       });
       EXPECT_EQ(r.err, c.expected);
-      auto log = LogEntries(r.out);
-      EXPECT_EQ(std::vector<std::string>(log.begin() + 1, log.end()), c.log);
+      EXPECT_EQ(Tail(r.out), c.log) << c.expected.substr(0, 40);
    }
 }
 
@@ -197,23 +160,16 @@ TEST(LocationSetuid, UnknownTagRefusesEveryOutsideSource) {
    }
    std::string productFile = install.Dir() + "/lastLocationUsed";
    std::ofstream(productFile) << "/file/X.app";
+   // Also after the program has lowered its effective user ID to the caller's.
    for (const char *identity : {"keep", "lower"}) {
-      for (const char *variable : {"ZORVEX_LOCATION_ROOT_FULLPATH=/env/X.app", "UNRELATED=1"}) {
-         ChildResult r =
-            RunAsNobody(install.Path(),
-                        {"process_probe", "location", "no-such-program", productFile.c_str(),
-                         identity, "rootDir", "idFile"},
-                        {variable});
-         ASSERT_EQ(r.ExitCode(), 0) << identity << " (126: no identity change, 127: no exec)";
-         EXPECT_EQ(Lookups(r.err), (std::map<std::string, std::string>{
-                                      {"rootDir", "(null)"}, {"idFile", "(null)"}}));
-         const std::string refused =
-            "Warning: LocationGetRoot: Cannot get location root of a setuid process.\n";
-         auto log = LogEntries(r.out);
-         EXPECT_EQ(std::vector<std::string>(log.begin() + 1, log.end()),
-                   std::vector<std::string>(2, refused))
-            << identity;
-      }
+      ChildResult r = RunAsNobody(install.Path(),
+                                  {"process_probe", "location", "no-such-program", productFile,
+                                   identity, "rootDir"},
+                                  {"ZORVEX_LOCATION_ROOT_FULLPATH=/env/X.app"});
+      ASSERT_EQ(r.ExitCode(), 0) << identity << " (126: no identity change, 127: no exec)";
+      EXPECT_EQ(ProbeReport(r.err)["rootDir"], "(null)");
+      EXPECT_EQ(Tail(r.out), std::vector<std::string>{"Warning: LocationGetRoot: Cannot get "
+                                                      "location root of a setuid process.\n"});
    }
 }
 

@@ -1,126 +1,415 @@
-// The real opener binary, installed set-user-ID root in a private directory
-// and started by an unprivileged user, as the product starts it.
+// The real opener, installed set-user-ID root, started by the unprivileged
+// user "nobody" as the product starts it, against the reference daemon or a
+// daemon scripted by the test.
+//
+// The opener comes from a sandbox build whose fixed paths all lie under
+// SANDBOX_DIR. This process moves into a private mount namespace and covers
+// that directory with a fresh tmpfs for every test, so nothing reaches the
+// host; it is also the subreaper of everything it starts, so the daemons
+// (which detach from the openers) are its children and die with each test.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <filesystem>
-#include <grp.h>
+#include <fstream>
+#include <poll.h>
 #include <pwd.h>
 #include <regex>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/inotify.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
-#include "child.h"
-
-using halcyx::test::ChildResult;
-using halcyx::test::LogEntries;
-using halcyx::test::RunInChild;
+#include "serviceProtocol.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-class SetuidOpener : public ::testing::Test {
+const fs::path kDir = SANDBOX_DIR;
+const fs::path kOpener = kDir / "bin/halcyx-opener";
+const fs::path kServices =
+   kDir / "Library/Application Support/Zorvex/Zorvex Halcyx/Services/Contents/Library/services";
+const fs::path kDaemon = kServices / "Zorvex Halcyx Services";
+const fs::path kLock = kDir / "run/Zorvex Halcyx Services.lock";
+const fs::path kSock = kDir / "run/Zorvex Halcyx Services.sock";
+const fs::path kDaemonLog = kDir / "log/Zorvex Halcyx Services.log";
+
+std::string Slurp(const fs::path &path) {
+   std::ifstream in(path);
+   return {std::istreambuf_iterator<char>(in), {}};
+}
+
+struct FileId {
+   dev_t dev;
+   ino_t ino;
+};
+
+FileId IdOf(int fd) {
+   struct stat st = {};
+   fstat(fd, &st);
+   return {st.st_dev, st.st_ino};
+}
+
+class SandboxedOpener : public ::testing::Test {
 protected:
    static void SetUpTestSuite() {
-      if (geteuid() != 0) {
-         return;
-      }
       const struct passwd *nobody = getpwnam("nobody");
-      if (nobody == nullptr) {
-         return;
-      }
-      sUid = nobody->pw_uid;
-      sGid = nobody->pw_gid;
-
-      std::string pattern = (fs::temp_directory_path() / "halcyx-opener-XXXXXX").string();
-      if (mkdtemp(pattern.data()) == nullptr) {
-         return;
-      }
-      sDir = pattern;
-      fs::permissions(sDir, fs::perms::owner_all | fs::perms::group_read |
-                               fs::perms::group_exec | fs::perms::others_read |
-                               fs::perms::others_exec);
-      sOpener = sDir / "halcyx-opener";
-      fs::copy_file(OPENER_PATH, sOpener);
-      if (chown(sOpener.c_str(), 0, 0) != 0 || chmod(sOpener.c_str(), 04755) != 0) {
-         sOpener.clear();
-         return;
-      }
-      struct statvfs vfs;
-      if (statvfs(sDir.c_str(), &vfs) != 0 || (vfs.f_flag & ST_NOSUID) != 0) {
-         sOpener.clear();
-      }
-   }
-
-   static void TearDownTestSuite() {
-      if (!sDir.empty()) {
-         std::error_code ignored;
-         fs::remove_all(sDir, ignored);
+      if (geteuid() != 0 || nobody == nullptr) {
+         sSkip = "needs root and the user nobody";
+      } else if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 ||
+                 (mkdir(kDir.c_str(), 0755) != 0 && errno != EEXIST) ||
+                 unshare(CLONE_NEWNS) != 0 ||
+                 mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+         sSkip = "cannot make a private mount namespace";
+      } else {
+         sNobody = nobody->pw_uid;
       }
    }
 
    void SetUp() override {
-      if (sOpener.empty()) {
-         GTEST_SKIP() << "needs root and a file system that honours set-user-ID";
+      if (!sSkip.empty()) {
+         GTEST_SKIP() << sSkip;
       }
+      ASSERT_EQ(mount("halcyx-test", kDir.c_str(), "tmpfs", 0, "mode=0755"), 0) << errno;
+      for (const fs::path &dir : {kServices, kDir / "bin", kDir / "run", kDir / "log"}) {
+         fs::create_directories(dir);
+      }
+      fs::copy_file(SANDBOX_OPENER, kOpener);
+      fs::copy_file(SANDBOX_DAEMON, kDaemon);
+      ASSERT_EQ(chmod(kOpener.c_str(), 04755), 0);
    }
 
-   // Runs the installed opener as "nobody" with exactly these arguments
-   // (argv[0] included) and a minimal environment.
-   static ChildResult Run(const std::vector<std::string> &args) {
-      return RunInChild([&] {
-         std::vector<char *> argv;
-         for (const auto &a : args) {
-            argv.push_back(const_cast<char *>(a.c_str()));
+   void TearDown() override {
+      if (!sSkip.empty()) {
+         return;
+      }
+      // Everything still running is ours: daemons were reparented to us.
+      for (;;) {
+         std::ifstream children("/proc/self/task/" + std::to_string(getpid()) + "/children");
+         pid_t pid;
+         bool any = false;
+         while (children >> pid) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+            any = true;
          }
-         argv.push_back(nullptr);
-         char path[] = "PATH=/usr/bin:/bin";
-         char *envp[] = {path, nullptr};
-         if (setgroups(0, nullptr) != 0 || setresgid(sGid, sGid, sGid) != 0 ||
-             setresuid(sUid, sUid, sUid) != 0) {
-            _exit(126);
+         if (!any) {
+            break;
          }
-         execve(sOpener.c_str(), argv.data(), envp);
-         _exit(127);
-      });
+      }
+      umount2(kDir.c_str(), MNT_DETACH);
    }
 
-   static void ExpectStartLine(const std::vector<std::string> &entries) {
-      ASSERT_FALSE(entries.empty());
-      EXPECT_TRUE(std::regex_match(entries[0], std::regex("ServiceImpl_Opener: PID [0-9]+\n")))
-         << entries[0];
+   // Starts the installed opener as nobody with args; fds maps the caller's
+   // descriptors (source, number in the opener); stdin is /dev/null unless
+   // mapped, stdout goes to the file *out when given.
+   pid_t Spawn(std::vector<std::string> args, std::vector<std::pair<int, int>> fds = {},
+               fs::path *out = nullptr, std::vector<std::string> env = {}) {
+      std::string uid = "--reuid=" + std::to_string(sNobody);
+      std::vector<std::string> all = {"/usr/bin/setpriv", uid, "--regid=65534", "--clear-groups",
+                                      "--", kOpener};
+      all.insert(all.end(), args.begin(), args.end());
+      env.push_back("PATH=/usr/bin:/bin");
+      // A set-user-ID process cannot be stopped for leak checking.
+      env.push_back("ASAN_OPTIONS=detect_leaks=0");
+
+      posix_spawn_file_actions_t actions;
+      posix_spawn_file_actions_init(&actions);
+      posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+      if (out != nullptr) {
+         *out = kDir / ("out" + std::to_string(sSpawned++));
+         posix_spawn_file_actions_addopen(&actions, 1, out->c_str(), O_WRONLY | O_CREAT, 0644);
+      }
+      for (auto [from, to] : fds) {
+         posix_spawn_file_actions_adddup2(&actions, from, to);
+      }
+      // Whatever this process inherited stays out of the caller.
+      for (int fd = 3; fd < 64; fd++) {
+         if (std::none_of(fds.begin(), fds.end(), [fd](auto m) { return m.second == fd; })) {
+            posix_spawn_file_actions_addclose(&actions, fd);
+         }
+      }
+      pid_t pid = -1;
+      int rc = posix_spawn(&pid, all[0].c_str(), &actions, nullptr, Argv(all).data(),
+                           Argv(env).data());
+      posix_spawn_file_actions_destroy(&actions);
+      EXPECT_EQ(rc, 0) << "cannot start setpriv";
+      return pid;
    }
 
-   static inline fs::path sDir;
-   static inline fs::path sOpener;
-   static inline uid_t sUid;
-   static inline gid_t sGid;
+   static std::vector<char *> Argv(std::vector<std::string> &strings) {
+      std::vector<char *> v;
+      for (auto &s : strings) {
+         v.push_back(s.data());
+      }
+      v.push_back(nullptr);
+      return v;
+   }
+
+   static int Wait(pid_t pid) {
+      int status = 0;
+      waitpid(pid, &status, 0);
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+   }
+
+   // The matches of re in the daemon's log (each as its whole text and its
+   // groups), waiting up to 5 s for at least n of them.
+   static std::vector<std::vector<std::string>> DaemonLog(const std::string &re, size_t n = 0) {
+      std::vector<std::vector<std::string>> found;
+      const std::regex pattern(re);
+      for (int i = 0; i < 100; i++) {
+         std::string text = Slurp(kDaemonLog);
+         found.clear();
+         for (auto it = std::sregex_iterator(text.begin(), text.end(), pattern);
+              it != std::sregex_iterator(); ++it) {
+            found.emplace_back(it->begin(), it->end());
+         }
+         if (found.size() >= n) {
+            break;
+         }
+         usleep(50000);
+      }
+      return found;
+   }
+
+   static pid_t DaemonPid() {
+      auto started = DaemonLog("started, pid ([0-9]+)", 1);
+      return started.size() == 1 ? std::stoi(started[0][1]) : -1;
+   }
+
+   static inline std::string sSkip;
+   static inline uid_t sNobody;
+   static inline int sSpawned;
 };
 
-TEST_F(SetuidOpener, WrongArgumentCountsFailWithoutLookingAtArguments) {
-   for (const auto &args : std::vector<std::vector<std::string>>{
-           {"halcyx-opener", "3", "4"}, {"halcyx-opener", "a", "b", "c", "d"}}) {
-      ChildResult r = Run(args);
-      EXPECT_EQ(r.ExitCode(), 1) << args.size() << " arguments";
-      auto entries = LogEntries(r.out);
-      ExpectStartLine(entries);
-      EXPECT_EQ(std::vector<std::string>(entries.begin() + 1, entries.end()),
-                std::vector<std::string>{"Warning: Invalid number of arguments.\n"});
+// What the daemon logs about the descriptor it received from pid, handed
+// over while the opener ran as the caller.
+std::string Passed(pid_t pid, uid_t caller) {
+   std::string uid = std::to_string(caller);
+   return "pid " + std::to_string(pid) + " \\(uid " + uid + ", euid " + uid +
+          "\\) passed a ([a-z ]+), device ([0-9]+), inode ([0-9]+)";
+}
+
+TEST_F(SandboxedOpener, StartsTheDaemonWhenNobodyListens) {
+   struct Case {
+      const char *name;
+      bool staleSocket;
+   };
+   for (const Case &c : {Case{"no socket file", false}, Case{"stale socket file", true}}) {
+      SCOPED_TRACE(c.name);
+      TearDown();
+      SetUp();
+      if (c.staleSocket) {
+         int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+         struct sockaddr_un addr = {AF_UNIX, {}};
+         strcpy(addr.sun_path, kSock.c_str());
+         ASSERT_EQ(bind(s, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+         close(s);
+      }
+      EXPECT_EQ(Wait(Spawn({"0"})), 0);
+      EXPECT_EQ(DaemonLog("started, pid").size(), 1u);
    }
 }
 
-TEST_F(SetuidOpener, BothModesFailCleanlyWhileNoRendezvousExists) {
-   for (const auto &args : std::vector<std::vector<std::string>>{
-           {"halcyx-opener"}, {"halcyx-opener", "0"}, {"halcyx-opener", "abc"}}) {
-      ChildResult r = Run(args);
-      EXPECT_EQ(r.ExitCode(), 1) << r.out;
-      auto entries = LogEntries(r.out);
-      ExpectStartLine(entries);
-      ASSERT_EQ(entries.size(), 2u) << r.out;
-      EXPECT_EQ(entries[1], "Warning: ServiceImplOpener: The service rendezvous is not "
-                            "available in this build.\n");
+TEST_F(SandboxedOpener, DescriptorModeHandsOverTheCallersOwnObject) {
+   int file = open((kDir / "note").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+   int input = open(kOpener.c_str(), O_RDONLY | O_CLOEXEC);
+   struct Case {
+      std::string arg;
+      std::vector<std::pair<int, int>> fds;
+      int expectedFd;  // the caller's descriptor the daemon must get; -1: none
+   };
+   const Case cases[] = {
+      {"5", {{file, 5}}, file},     // cold start: this one starts the daemon
+      {"abc", {{input, 0}}, input}, // not a number: descriptor 0
+      {"-1", {}, -1},
+      {"7", {{file, 5}}, -1},       // closed in the caller
+      {"3", {}, -1},                // closed, and the number of the opener's first socket
+   };
+   for (const Case &c : cases) {
+      SCOPED_TRACE(c.arg);
+      fs::path out;
+      pid_t pid = Spawn({c.arg}, c.fds, &out);
+      int status = Wait(pid);
+      auto passed = DaemonLog(Passed(pid, sNobody));
+      if (c.expectedFd < 0) {
+         EXPECT_EQ(status, 1);
+         EXPECT_TRUE(passed.empty()) << passed[0][0];
+         EXPECT_NE(Slurp(out).find("Warning: ServiceImplSendFd: sendmsg errno " +
+                                   std::to_string(EBADF) + ".\n"),
+                   std::string::npos)
+            << Slurp(out);
+         continue;
+      }
+      EXPECT_EQ(status, 0) << Slurp(out);
+      ASSERT_EQ(passed.size(), 1u);
+      FileId id = IdOf(c.expectedFd);
+      EXPECT_EQ(passed[0][2], std::to_string(id.dev));
+      EXPECT_EQ(passed[0][3], std::to_string(id.ino));
    }
+   EXPECT_EQ(DaemonLog("started, pid").size(), 1u);
+   EXPECT_NE(Slurp(kDir / "note").find("received this descriptor from pid"), std::string::npos);
+   // Socket and lock were made as root.
+   for (const fs::path &p : {kLock, kSock}) {
+      struct stat st;
+      ASSERT_EQ(lstat(p.c_str(), &st), 0);
+      EXPECT_EQ(st.st_uid, 0u) << p;
+      EXPECT_EQ(st.st_mode & 07777, 0600u) << p;
+   }
+   close(file);
+   close(input);
+}
+
+// The daemon here is a plain sleep: it keeps exactly what it inherited,
+// while the opener waits for a greeting that never comes.
+TEST_F(SandboxedOpener, DaemonInheritsOnlyItsSocketAndPipeAndNoScrubbedVariables) {
+   fs::copy_file("/bin/sleep", kDaemon, fs::copy_options::overwrite_existing);
+   pid_t opener = Spawn({"0"}, {}, nullptr,
+                        {"BASH_ENV=/x", "ENV=/y", "SHELLOPTS=xtrace", "FN=() { :; }", "KEEP=1"});
+   fs::path proc;
+   for (int i = 0; i < 100 && proc.empty(); i++, usleep(50000)) {
+      std::ifstream children("/proc/self/task/" + std::to_string(getpid()) + "/children");
+      for (pid_t pid; children >> pid;) {
+         std::error_code ec;
+         if (pid != opener && fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec) == kDaemon) {
+            proc = "/proc/" + std::to_string(pid);
+         }
+      }
+   }
+   ASSERT_FALSE(proc.empty()) << "no daemon started";
+
+   std::istringstream cmdline(Slurp(proc / "cmdline"));
+   std::vector<std::string> args(4);
+   for (std::string &arg : args) {
+      std::getline(cmdline, arg, '\0');
+   }
+   EXPECT_EQ(args[0], kDaemon);
+   std::map<std::string, std::string> fds;
+   for (const auto &entry : fs::directory_iterator(proc / "fd")) {
+      fds[entry.path().filename()] = fs::read_symlink(entry.path());
+   }
+   ASSERT_EQ(fds.size(), 5u);
+   for (const char *stdio : {"0", "1", "2"}) {
+      EXPECT_EQ(fds[stdio], "/dev/null") << stdio;
+   }
+   EXPECT_TRUE(fds[args[1]].starts_with("socket:")) << args[1] << " " << fds[args[1]];
+   EXPECT_TRUE(fds[args[2]].starts_with("pipe:")) << args[2] << " " << fds[args[2]];
+   EXPECT_EQ(args[3], "");
+
+   std::smatch m;
+   std::string status = Slurp(proc / "status");
+   ASSERT_TRUE(std::regex_search(status, m, std::regex("Uid:\t([0-9]+)\t([0-9]+)")));
+   EXPECT_EQ(m[1], std::to_string(sNobody)) << "real user: the caller";
+   EXPECT_EQ(m[2], "0") << "effective user: root";
+
+   std::string environ = std::string(1, '\0') + Slurp(proc / "environ");
+   EXPECT_NE(environ.find(std::string(1, '\0') + "KEEP=1"), std::string::npos);
+   for (const char *scrubbed : {"BASH_ENV=", "ENV=", "SHELLOPTS=", "FN="}) {
+      EXPECT_EQ(environ.find(std::string(1, '\0') + scrubbed), std::string::npos) << scrubbed;
+   }
+}
+
+TEST_F(SandboxedOpener, HundredColdOpenersStartExactlyOneDaemon) {
+   int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+   ASSERT_GE(inotify_add_watch(watch, (kDir / "run").c_str(), IN_DELETE | IN_MOVED_FROM), 0);
+   std::vector<pid_t> openers;
+   for (int i = 0; i < 100; i++) {
+      openers.push_back(Spawn({"0"}));
+   }
+   for (pid_t pid : openers) {
+      EXPECT_EQ(Wait(pid), 0) << pid;
+   }
+   EXPECT_EQ(DaemonLog("started, pid").size(), 1u);
+   EXPECT_EQ(DaemonLog("passed a", 100).size(), 100u);
+   std::ifstream children("/proc/self/task/" + std::to_string(getpid()) + "/children");
+   std::vector<pid_t> left{std::istream_iterator<pid_t>(children), {}};
+   EXPECT_EQ(left, std::vector<pid_t>{DaemonPid()});
+
+   alignas(struct inotify_event) char events[4096];
+   ssize_t n = read(watch, events, sizeof events);
+   for (ssize_t at = 0; at < n;) {
+      auto *e = reinterpret_cast<struct inotify_event *>(events + at);
+      EXPECT_NE(std::string(e->len ? e->name : ""), kLock.filename()) << "lock file removed";
+      at += sizeof *e + e->len;
+   }
+   EXPECT_TRUE(fs::exists(kLock));
+   close(watch);
+}
+
+TEST_F(SandboxedOpener, ShellModePipeEndsExactlyWhenTheOpenerDies) {
+   pid_t opener = Spawn({});
+   ASSERT_EQ(DaemonLog("watching the liveness pipe of pid " + std::to_string(opener), 1).size(),
+             1u);
+   // It started the daemon, and its rendezvous is over: the watch pipe ends
+   // although the opener lives on.
+   EXPECT_EQ(DaemonLog("the opener that started this daemon has finished", 1).size(), 1u);
+   usleep(300000);
+   const std::string closed = "liveness pipe of pid " + std::to_string(opener) + " closed";
+   EXPECT_TRUE(DaemonLog(closed).empty()) << "pipe ended while the opener lived";
+   kill(opener, SIGKILL);
+   Wait(opener);
+   EXPECT_EQ(DaemonLog(closed, 1).size(), 1u);
+}
+
+// The test plays the daemon: it listens on the socket before the opener
+// runs, then follows one script per case.
+TEST_F(SandboxedOpener, FollowsTheDaemonsScript) {
+   struct Case {
+      const char *name;
+      int closesBeforeGreeting;
+      int verdict;  // -1: end-of-file instead of a verdict
+      int status;
+   };
+   const Case cases[] = {
+      {"daemon already listening", 0, '1', 0},
+      {"closes before greeting, three times", 3, '1', 0},
+      {"verdict other than 1", 0, '0', 1},
+      {"end-of-file instead of a verdict", 0, -1, 1},
+   };
+   int file = open((kDir / "note").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+   for (const Case &c : cases) {
+      SCOPED_TRACE(c.name);
+      unlink(kSock.c_str());
+      int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      struct sockaddr_un addr = {AF_UNIX, {}};
+      strcpy(addr.sun_path, kSock.c_str());
+      ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+      ASSERT_EQ(listen(listener, 8), 0);
+
+      bool received = false;
+      FileId got = {};
+      std::thread daemon([&] {
+         for (int i = 0; i < c.closesBeforeGreeting; i++) {
+            close(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+         }
+         int conn = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+         int fd = -1;
+         if (ServiceImplWriteOne(conn, 'G') && ServiceImplRecvFd(conn, &fd)) {
+            received = true;
+            got = IdOf(fd);
+            close(fd);
+            if (c.verdict >= 0) {
+               ServiceImplWriteOne(conn, c.verdict);
+            }
+         }
+         close(conn);
+      });
+      EXPECT_EQ(Wait(Spawn({"5"}, {{file, 5}})), c.status);
+      daemon.join();
+      close(listener);
+      EXPECT_TRUE(received);
+      EXPECT_EQ(got.ino, IdOf(file).ino);
+   }
+   EXPECT_FALSE(fs::exists(kDaemonLog)) << "no daemon may have been started";
+   close(file);
 }
 
 }  // namespace

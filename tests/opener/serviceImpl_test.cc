@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <regex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -117,6 +118,52 @@ TEST(PrivilegeBracket, AFailedRaiseIsLoggedAndRootIsNotRegained) {
    EXPECT_EQ(LogEntries(r.out),
              (std::vector<std::string>{
                 "Warning: ServiceImpl_PrivRaise: seteuid errno " + eperm + ".\n"}));
+}
+
+// The rendezvous itself, in this process, with paths in a temporary directory.
+class Rendezvous : public ::testing::Test {
+protected:
+   void SetUp() override {
+      std::string pattern = "/tmp/halcyx-rdv-XXXXXX";
+      ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+      dir_ = pattern;
+   }
+   void TearDown() override { std::filesystem::remove_all(dir_); }
+
+   std::filesystem::path dir_;
+};
+
+TEST_F(Rendezvous, ARefusingCallbackStartsNothingAndEndsTheRendezvous) {
+   static int calls;
+   std::string lock = dir_ / "lock";
+   std::string sock = dir_ / "sock";
+   std::string daemon = dir_ / "daemon";
+   auto r = RunInChild([&] {
+      ServiceImpl_SetPrepareDaemonCallback([] {
+         calls++;
+         return false;
+      });
+      bool ok = ServiceImplOpener(lock.c_str(), sock.c_str(), daemon.c_str(), 0);
+      _exit(ok ? 10 : calls);
+   });
+   EXPECT_EQ(r.ExitCode(), 1) << "called once, then failure without another pass";
+   EXPECT_EQ(r.out, "");
+   EXPECT_TRUE(std::filesystem::exists(lock));
+}
+
+TEST_F(Rendezvous, SocketPathsThatCannotBeAddressedEndTheProcess) {
+   // An empty path would name Linux's abstract namespace, open to anyone.
+   for (const std::string &sock : {std::string(), std::string(108, 's')}) {
+      std::string lock = dir_ / "lock";
+      auto r = RunInChild([&] {
+         ServiceImplOpener(lock.c_str(), sock.c_str(), "/nonexistent", 0);
+         _exit(0);
+      });
+      EXPECT_EQ(r.ExitCode(), 1) << sock.size();
+      auto entries = LogEntries(r.out);
+      ASSERT_EQ(entries.size(), 1u) << r.out;
+      EXPECT_TRUE(entries[0].starts_with("Panic: ")) << entries[0];
+   }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
-// A program for the process tests to run in the situations under test (as
-// set-user-ID root, from a deep path, as a daemon). It prints "key value"
-// lines on standard output.
+// A program for the process tests to run where the situation under test
+// needs a process of its own: set-user-ID root, at a chosen path, as a
+// daemon. Results go to standard error as "key value" lines (standard output
+// carries the log).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,115 +15,87 @@
 #include "internal/location.h"
 #include "location.h"
 
-// Set-user-ID processes cannot be stopped by the leak checker of sanitizer
-// builds (they are not dumpable), so it is switched off here.
+// Set-user-ID processes are not dumpable, so the leak checker of sanitizer
+// builds cannot stop them; it is off here.
 extern "C" const char *__asan_default_options() { return "detect_leaks=0"; }
 
 namespace {
 
-// The effective user ID of one thread, as the kernel reports it.
-std::string ThreadEuid(pid_t tid) {
+// One thread's effective user ID as the kernel reports it.
+std::string Euid(pid_t tid) {
    std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
-   std::string key;
-   while (status >> key) {
-      if (key == "Uid:") {
-         std::string real, effective;
-         status >> real >> effective;
-         return effective;
-      }
+   std::string key, real, effective;
+   while (status >> key && key != "Uid:") {
    }
-   return "?";
+   status >> real >> effective;
+   return effective;
 }
 
-void Print(const char *key, long long value) { printf("%s %lld\n", key, value); }
-
-// Run set-user-ID root: lowers the whole process to the real user first,
-// as the product's set-user-ID programs do.
+// Brackets the main thread while a second thread watches, after lowering the
+// whole process to the real user as the product's programs do.
 void Ids() {
    if (seteuid(getuid()) != 0) {
       exit(3);
    }
-   Print("setugid", Id_IsSetUGid());
    int hold[2];
    if (pipe(hold) != 0) {
-      exit(2);
+      exit(3);
    }
-   pid_t otherTid = 0;
-   int ready[2];
-   if (pipe(ready) != 0) {
-      exit(2);
-   }
-   std::thread other([&] {
-      otherTid = gettid();
-      char c = 0;
-      (void)!write(ready[1], &c, 1);
+   pid_t other = 0;
+   std::thread watcher([&] {
+      __atomic_store_n(&other, gettid(), __ATOMIC_RELEASE);
+      char c;
       (void)!read(hold[0], &c, 1);
    });
-   char c;
-   (void)!read(ready[0], &c, 1);
-
-   uid_t previous = Id_BeginSuperUser();
-   Print("begin", static_cast<int>(previous));
-   printf("raised %s %s\n", ThreadEuid(gettid()).c_str(), ThreadEuid(otherTid).c_str());
-   uid_t nested = Id_BeginSuperUser();
-   Print("nested", static_cast<int>(nested));
-   Id_EndSuperUser(nested);
-   Id_EndSuperUser(previous);
-   printf("lowered %s %s\n", ThreadEuid(gettid()).c_str(), ThreadEuid(otherTid).c_str());
-
+   while (__atomic_load_n(&other, __ATOMIC_ACQUIRE) == 0) {
+      usleep(1000);
+   }
+   int previous = static_cast<int>(Id_BeginSuperUser());
+   std::string raised = Euid(gettid()) + " " + Euid(other);
+   int nested = static_cast<int>(Id_BeginSuperUser());
+   Id_EndSuperUser(static_cast<uid_t>(nested));
+   Id_EndSuperUser(static_cast<uid_t>(previous));
+   fprintf(stderr, "setugid %d\nbegin %d\nraised %s\nnested %d\nlowered %s %s\n",
+           Id_IsSetUGid(), previous, raised.c_str(), nested, Euid(gettid()).c_str(),
+           Euid(other).c_str());
    close(hold[1]);
-   other.join();
-}
-
-// Run as a daemon: reports its process ID on one kept descriptor, then
-// lives until the other one reaches end-of-file.
-int Daemon(int reportFd, int holdFd) {
-   std::string pid = std::to_string(getpid()) + "\n";
-   if (write(reportFd, pid.data(), pid.size()) != static_cast<ssize_t>(pid.size())) {
-      return 1;
-   }
-   char c;
-   while (read(holdFd, &c, 1) > 0) {
-   }
-   return 0;
-}
-
-// Looks the keys up under a process tag and prints "key=result" lines on
-// standard error (standard output carries the log). Set-user-ID, it first
-// lowers its effective user ID when asked to, as the product's programs do.
-int Locate(const char *tag, const char *productFile, bool lower, char **keys) {
-   if (lower && seteuid(getuid()) != 0) {
-      return 3;
-   }
-   halcyx::gLocationProductFile = productFile;
-   Location_Init(tag);
-   for (; *keys != nullptr; keys++) {
-      char *path = Location_Get(*keys);
-      fprintf(stderr, "%s=%s\n", *keys, path != nullptr ? path : "(null)");
-      free(path);
-   }
-   return 0;
+   watcher.join();
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-   if (argc < 2) {
-      return 2;
-   }
-   if (strcmp(argv[1], "modulepath") == 0) {
-      char *path = Hostinfo_GetModulePath(1);
-      printf("modulepath %s\n", path != nullptr ? path : "(null)");
-      free(path);
-   } else if (strcmp(argv[1], "ids") == 0) {
+   std::string mode = argc > 1 ? argv[1] : "";
+   if (mode == "ids") {
       Ids();
-   } else if (strcmp(argv[1], "location") == 0 && argc >= 5) {
-      return Locate(argv[2], argv[3], strcmp(argv[4], "lower") == 0, argv + 5);
-   } else if (strcmp(argv[1], "daemon") == 0 && argc == 4) {
-      return Daemon(atoi(argv[2]), atoi(argv[3]));
+   } else if (mode == "modulepath") {
+      char *path = Hostinfo_GetModulePath(1);
+      fprintf(stderr, "modulepath %s\n", path != nullptr ? path : "(null)");
+      free(path);
+   } else if (mode == "daemon" && argc == 4) {
+      // Reports its process ID on one kept descriptor and lives until the
+      // other reaches end-of-file.
+      std::string pid = std::to_string(getpid()) + "\n";
+      if (write(atoi(argv[2]), pid.data(), pid.size()) != static_cast<ssize_t>(pid.size())) {
+         return 1;
+      }
+      char c;
+      while (read(atoi(argv[3]), &c, 1) > 0) {
+      }
+   } else if (mode == "location" && argc >= 5) {
+      // location TAG PRODUCT-FILE keep|lower KEY...
+      if (strcmp(argv[4], "lower") == 0 && seteuid(getuid()) != 0) {
+         return 3;
+      }
+      halcyx::gLocationProductFile = argv[3];
+      Location_Init(argv[2]);
+      for (int i = 5; i < argc; i++) {
+         char *path = Location_Get(argv[i]);
+         fprintf(stderr, "%s %s\n", argv[i], path != nullptr ? path : "(null)");
+         free(path);
+      }
    } else {
       return 2;
    }
-   fflush(stdout);
    return 0;
 }

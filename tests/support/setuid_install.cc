@@ -11,48 +11,32 @@ namespace fs = std::filesystem;
 
 namespace halcyx::test {
 
-namespace {
-
-// A fresh directory under base that everybody may search, or "".
-std::string MakeSearchableDir(const fs::path &base) {
-   std::error_code ec;
-   fs::create_directories(base, ec);
-   std::string pattern = (base / "halcyx-setuid-XXXXXX").string();
-   if (mkdtemp(pattern.data()) == nullptr || chmod(pattern.c_str(), 0755) != 0) {
-      return "";
-   }
-   struct statvfs vfs;
-   if (statvfs(pattern.c_str(), &vfs) != 0 || (vfs.f_flag & ST_NOSUID) != 0) {
-      rmdir(pattern.c_str());
-      return "";
-   }
-   return pattern;
-}
-
-}  // namespace
-
 SetuidInstall::SetuidInstall(const std::string &program, const std::string &fallbackDir) {
-   if (geteuid() != 0) {
-      return;
-   }
-   dir_ = MakeSearchableDir(fs::temp_directory_path());
-   if (dir_.empty()) {
-      dir_ = MakeSearchableDir(fallbackDir);
-   }
-   if (dir_.empty()) {
-      return;
-   }
-   std::string target = dir_ + "/" + fs::path(program).filename().string();
-   std::error_code ec;
-   if (fs::copy_file(program, target, ec) && chown(target.c_str(), 0, 0) == 0 &&
-       chmod(target.c_str(), 04755) == 0) {
-      path_ = target;
+   for (const fs::path &base : {fs::temp_directory_path(), fs::path(fallbackDir)}) {
+      std::error_code ec;
+      fs::create_directories(base, ec);
+      std::string dir = (base / "halcyx-setuid-XXXXXX").string();
+      struct statvfs vfs;
+      if (geteuid() != 0 || mkdtemp(dir.data()) == nullptr) {
+         return;
+      }
+      dir_ = dir;
+      if (statvfs(dir.c_str(), &vfs) == 0 && (vfs.f_flag & ST_NOSUID) == 0) {
+         std::string target = dir + "/" + fs::path(program).filename().string();
+         if (chmod(dir.c_str(), 0755) == 0 && fs::copy_file(program, target, ec) &&
+             chown(target.c_str(), 0, 0) == 0 && chmod(target.c_str(), 04755) == 0) {
+            path_ = target;
+         }
+         return;
+      }
+      fs::remove_all(dir, ec);
+      dir_.clear();
    }
 }
 
 SetuidInstall::~SetuidInstall() {
+   std::error_code ignored;
    if (!dir_.empty()) {
-      std::error_code ignored;
       fs::remove_all(dir_, ignored);
    }
 }
@@ -66,17 +50,18 @@ ChildResult RunAsNobody(const std::string &program, const std::vector<std::strin
           setresuid(nobody->pw_uid, nobody->pw_uid, nobody->pw_uid) != 0) {
          _exit(126);
       }
-      auto vector = [](const std::vector<std::string> &strings) {
-         std::vector<char *> v;
-         for (const auto &s : strings) {
-            v.push_back(const_cast<char *>(s.c_str()));
-         }
-         v.push_back(nullptr);
-         return v;
-      };
+      const std::vector<std::string> &constArgs = args;
       std::vector<std::string> env = environment;
       env.push_back("PATH=/usr/bin:/bin");
-      execve(program.c_str(), vector(args).data(), vector(env).data());
+      const std::vector<std::string> &constEnv = env;
+      std::vector<char *> argv, envp;
+      for (auto [from, to] : {std::pair{&constArgs, &argv}, std::pair{&constEnv, &envp}}) {
+         for (const auto &s : *from) {
+            to->push_back(const_cast<char *>(s.c_str()));
+         }
+         to->push_back(nullptr);
+      }
+      execve(program.c_str(), argv.data(), envp.data());
       _exit(127);
    });
 }

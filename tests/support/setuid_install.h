@@ -1,8 +1,5 @@
-// Installs a copy of a test program set-user-ID root in a private directory
-// and runs it as an unprivileged user, the way the product's programs are
-// started. Only root can do either; on a file system mounted nosuid the
-// fallback directory (inside the build tree) is tried instead of the
-// temporary directory.
+// Runs test programs the way the product starts its set-user-ID programs:
+// installed root-owned with the set-user-ID bit, started by "nobody".
 #ifndef HALCYX_TESTS_SUPPORT_SETUID_INSTALL_H
 #define HALCYX_TESTS_SUPPORT_SETUID_INSTALL_H
 
@@ -13,10 +10,11 @@
 
 namespace halcyx::test {
 
+// A copy of program, mode 04755 root:root, in a fresh directory of the
+// temporary directory, or of fallbackDir when that is mounted nosuid. Path()
+// is empty when not root or the bit would not be honoured. Removed at the end.
 class SetuidInstall {
 public:
-   // Copies program as root:root mode 04755; Path() is empty when that
-   // failed or the bit would not be honoured.
    SetuidInstall(const std::string &program, const std::string &fallbackDir);
    ~SetuidInstall();
    SetuidInstall(const SetuidInstall &) = delete;
@@ -26,13 +24,12 @@ public:
    const std::string &Dir() const { return dir_; }
 
 private:
-   std::string dir_;
-   std::string path_;
+   std::string dir_, path_;
 };
 
-// Runs program as "nobody" (no supplementary groups) with exactly args
-// (argv[0] included) and an environment of PATH and the given entries. Exit
-// 126 means the identity change failed, 127 that the program did not start.
+// Runs program as "nobody" without supplementary groups, with exactly args
+// (argv[0] included) and PATH plus environment. Exit 126: the identity
+// change failed; 127: the program did not start.
 ChildResult RunAsNobody(const std::string &program, const std::vector<std::string> &args,
                         const std::vector<std::string> &environment = {});
 

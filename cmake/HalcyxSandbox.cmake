@@ -1,0 +1,16 @@
+# Initial cache for a sandbox build (cmake -C cmake/HalcyxSandbox.cmake):
+# every fixed path of the opener and the reference daemon lies under one
+# short directory, so the socket path fits sun_path wherever the sources
+# are. The demo, the integration tests and the opener benchmark cover that
+# directory with a private tmpfs in their own mount namespace; a sandbox
+# opener must never be installed set-user-ID anywhere else.
+set(HALCYX_SANDBOX_DIR "/tmp/halcyx-sbx" CACHE STRING "Root of the sandbox's fixed paths")
+set(HALCYX_LOCK_PATH "${HALCYX_SANDBOX_DIR}/run/Zorvex Halcyx Services.lock" CACHE STRING "")
+set(HALCYX_SOCKET_PATH "${HALCYX_SANDBOX_DIR}/run/Zorvex Halcyx Services.sock" CACHE STRING "")
+set(HALCYX_HOST_DIR "${HALCYX_SANDBOX_DIR}/Library/Application Support/Zorvex/Zorvex Halcyx"
+    CACHE STRING "")
+set(HALCYX_PRODUCT_FILE "${HALCYX_SANDBOX_DIR}/Library/Preferences/Zorvex Halcyx/lastLocationUsed"
+    CACHE STRING "")
+set(HALCYX_DAEMON_LOG_PATH "${HALCYX_SANDBOX_DIR}/log/Zorvex Halcyx Services.log" CACHE STRING "")
+set(HALCYX_BUILD_TESTS OFF CACHE BOOL "")
+set(HALCYX_BUILD_BENCH OFF CACHE BOOL "")

@@ -1,0 +1,279 @@
+/*
+ * The reference services daemon: what a product's root daemon looks like
+ * from the opener's side. Product teams copy this file and replace Use().
+ *
+ * The opener starts it detached, with root as effective user ID, the first
+ * caller as real user ID, descriptors 0-2 on /dev/null and the command line
+ *
+ *     <daemon path> <listening socket number> <watch pipe read-end number>
+ *
+ * It then
+ * - opens its log (the only thing it needs root for) and gives up every
+ *   capability for good, keeping only the descriptors it was handed;
+ * - serves callers one after another: greeting byte, one descriptor
+ *   received, verdict "1" ("0" when it cannot keep more);
+ * - does something visible and harmless with each descriptor: writes one
+ *   line into a writable one, watches a read-only pipe (shell mode's
+ *   liveness token) until its writer is gone, and logs what it got;
+ * - notices the watch pipe's end-of-file: the opener that started it has
+ *   finished.
+ * A caller that stalls in the protocol is dropped after a few seconds so
+ * that it cannot stall the callers behind it.
+ */
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <linux/securebits.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <vector>
+
+#include "daemonConfig.h"
+#include "log.h"
+#include "serviceProtocol.h"
+#include "str.h"
+
+namespace {
+
+constexpr char kTag[] = "ServicesDaemon";
+constexpr size_t kMaxSessions = 256;
+constexpr int kStepTimeoutSeconds = 5;
+
+// A kept liveness pipe and the process that handed it over.
+struct Session {
+   int fd;
+   pid_t pid;
+};
+
+// A descriptor number given on the command line: decimal digits only.
+int ParseFd(const char *text) {
+   char *end = nullptr;
+   errno = 0;
+   long value = strtol(text, &end, 10);
+   if (errno != 0 || end == text || *end != '\0' || value < 0 || value > INT_MAX) {
+      return -1;
+   }
+   return static_cast<int>(value);
+}
+
+bool IsListeningSocket(int fd) {
+   int listening = 0;
+   socklen_t size = sizeof listening;
+   return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening;
+}
+
+bool IsPipe(int fd) {
+   struct stat st;
+   return fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode);
+}
+
+// Appends the library log (standard output) to the daemon's log file.
+bool OpenLog() {
+   int fd = open(HALCYX_DAEMON_LOG_PATH, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW,
+                 0644);
+   if (fd < 0) {
+      return false;
+   }
+   bool ok = dup2(fd, STDOUT_FILENO) == STDOUT_FILENO;
+   close(fd);
+   return ok;
+}
+
+/*
+ * Gives up every capability, for good: root stays the owner of this
+ * process, but neither exec, nor a set-user-ID file, nor a change of user
+ * ID can bring a capability back. A product daemon keeps only the
+ * capabilities its work needs.
+ */
+bool DropPrivileges() {
+   if (prctl(PR_SET_SECUREBITS, SECBIT_NOROOT | SECBIT_NOROOT_LOCKED | SECBIT_NO_SETUID_FIXUP |
+                                   SECBIT_NO_SETUID_FIXUP_LOCKED | SECBIT_KEEP_CAPS_LOCKED) != 0) {
+      return false;
+   }
+   for (int cap = 0; prctl(PR_CAPBSET_DROP, cap, 0, 0, 0) == 0; cap++) {
+   }
+   if (errno != EINVAL || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+      return false;
+   }
+   struct __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+   struct __user_cap_data_struct data[2] = {};
+   return syscall(SYS_capset, &header, data) == 0;
+}
+
+// The real and effective user IDs of pid, from /proc; -1 when unknown.
+void PeerUids(pid_t pid, long *uid, long *euid) {
+   *uid = *euid = -1;
+   char path[64];
+   Str_Sprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
+   FILE *f = fopen(path, "re");
+   if (f == nullptr) {
+      return;
+   }
+   char line[256];
+   while (fgets(line, sizeof line, f) != nullptr) {
+      if (sscanf(line, "Uid: %ld %ld", uid, euid) == 2) {
+         break;
+      }
+   }
+   fclose(f);
+}
+
+const char *TypeName(mode_t mode) {
+   switch (mode & S_IFMT) {
+   case S_IFREG: return "file";
+   case S_IFCHR: return "character device";
+   case S_IFIFO: return "pipe";
+   case S_IFSOCK: return "socket";
+   case S_IFDIR: return "directory";
+   default: return "other object";
+   }
+}
+
+/*
+ * What this daemon does with a descriptor. Returns true when it keeps fd
+ * (a liveness pipe to watch); otherwise fd is done with.
+ */
+bool Use(int fd, pid_t peer) {
+   struct stat st;
+   int flags = fcntl(fd, F_GETFL);
+   if (fstat(fd, &st) != 0 || flags < 0) {
+      Warning("%s: descriptor from pid %d unusable, errno %d.\n", kTag, static_cast<int>(peer),
+              errno);
+      return false;
+   }
+   long uid;
+   long euid;
+   PeerUids(peer, &uid, &euid);
+   Log("%s: pid %d (uid %ld, euid %ld) passed a %s, device %llu, inode %llu.\n", kTag,
+       static_cast<int>(peer), uid, euid, TypeName(st.st_mode),
+       static_cast<unsigned long long>(st.st_dev), static_cast<unsigned long long>(st.st_ino));
+
+   if (S_ISFIFO(st.st_mode) && (flags & O_ACCMODE) == O_RDONLY) {
+      return true;
+   }
+   if ((flags & O_ACCMODE) != O_RDONLY && !S_ISDIR(st.st_mode) && !S_ISSOCK(st.st_mode)) {
+      // Only when the write cannot block: the caller's terminal or pipe must
+      // not be able to stall the daemon.
+      struct pollfd p = {fd, POLLOUT, 0};
+      char text[160];
+      int n = Str_Snprintf(text, sizeof text,
+                           "Zorvex Halcyx Services (pid %d, running as root) received this "
+                           "descriptor from pid %d.\n",
+                           static_cast<int>(getpid()), static_cast<int>(peer));
+      if (n > 0 && poll(&p, 1, 0) == 1 && (p.revents & POLLOUT) != 0 &&
+          write(fd, text, static_cast<size_t>(n)) == n) {
+         Log("%s: wrote one line into it.\n", kTag);
+      }
+   }
+   return false;
+}
+
+// One caller: greeting, descriptor, verdict.
+void ServeOne(int listenFd, std::vector<Session> &sessions) {
+   int conn = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+   if (conn < 0) {
+      if (errno != EINTR && errno != ECONNABORTED && errno != EAGAIN) {
+         Warning("%s: accept errno %d.\n", kTag, errno);
+      }
+      return;
+   }
+   struct timeval limit = {kStepTimeoutSeconds, 0};
+   struct ucred peer = {};
+   socklen_t size = sizeof peer;
+   int fd = -1;
+   if (setsockopt(conn, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0 &&
+       setsockopt(conn, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0 &&
+       getsockopt(conn, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
+       ServiceImplWriteOne(conn, 'H') && ServiceImplRecvFd(conn, &fd)) {
+      if (sessions.size() >= kMaxSessions) {
+         Warning("%s: refusing pid %d: %zu sessions open.\n", kTag, static_cast<int>(peer.pid),
+                 sessions.size());
+         ServiceImplClose(&fd, nullptr);
+         ServiceImplWriteOne(conn, '0');
+      } else {
+         if (Use(fd, peer.pid)) {
+            Log("%s: watching the liveness pipe of pid %d.\n", kTag, static_cast<int>(peer.pid));
+            sessions.push_back({fd, peer.pid});
+         } else {
+            ServiceImplClose(&fd, nullptr);
+         }
+         ServiceImplWriteOne(conn, '1');
+      }
+   }
+   ServiceImplClose(&conn, nullptr);
+}
+
+// True when fd reached end-of-file (or failed); data is read and dropped.
+bool Drained(int fd) {
+   char buf[512];
+   ssize_t n = read(fd, buf, sizeof buf);
+   return n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+   int listenFd = argc == 3 ? ParseFd(argv[1]) : -1;
+   int watchFd = argc == 3 ? ParseFd(argv[2]) : -1;
+   if (listenFd < 0 || watchFd < 0 || !IsListeningSocket(listenFd) || !IsPipe(watchFd)) {
+      Warning("%s: expects a listening socket and a pipe's read end as arguments.\n", kTag);
+      return 1;
+   }
+   // Nothing this daemon starts may inherit them.
+   fcntl(listenFd, F_SETFD, FD_CLOEXEC);
+   fcntl(watchFd, F_SETFD, FD_CLOEXEC);
+   // A caller's pipe whose reader is gone must give EPIPE, not kill us.
+   signal(SIGPIPE, SIG_IGN);
+   if (!OpenLog() || !DropPrivileges()) {
+      Warning("%s: cannot set up, errno %d.\n", kTag, errno);
+      return 1;
+   }
+   Log("%s: started, pid %d.\n", kTag, static_cast<int>(getpid()));
+
+   std::vector<Session> sessions;
+   std::vector<struct pollfd> polled;
+   for (;;) {
+      polled.assign({{listenFd, POLLIN, 0}, {watchFd, POLLIN, 0}});
+      for (const Session &s : sessions) {
+         polled.push_back({s.fd, POLLIN, 0});
+      }
+      if (poll(polled.data(), polled.size(), -1) < 0) {
+         if (errno == EINTR) {
+            continue;
+         }
+         Warning("%s: poll errno %d.\n", kTag, errno);
+         return 1;
+      }
+      if ((polled[0].revents & (POLLERR | POLLNVAL)) != 0) {
+         Warning("%s: the listening socket failed.\n", kTag);
+         return 1;
+      }
+      if (polled[1].revents != 0 && Drained(watchFd)) {
+         // watchFd becomes -1, which poll ignores from now on.
+         ServiceImplClose(&watchFd, nullptr);
+         Log("%s: the opener that started this daemon has finished.\n", kTag);
+      }
+      // Sessions first: ServeOne may append to the vector.
+      for (size_t i = sessions.size(); i-- > 0;) {
+         if (polled[i + 2].revents != 0 && Drained(sessions[i].fd)) {
+            Log("%s: the liveness pipe of pid %d closed.\n", kTag,
+                static_cast<int>(sessions[i].pid));
+            ServiceImplClose(&sessions[i].fd, nullptr);
+            sessions.erase(sessions.begin() + static_cast<long>(i));
+         }
+      }
+      if ((polled[0].revents & POLLIN) != 0) {
+         ServeOne(listenFd, sessions);
+      }
+   }
+}

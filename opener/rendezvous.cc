@@ -1,0 +1,229 @@
+/*
+ * The rendezvous with the services daemon: get one descriptor into it,
+ * starting it first when nobody listens on its socket.
+ *
+ * Invariants of this privileged module:
+ * - Root only inside a RootBracket: while the side is chosen (socket, lock,
+ *   connect or bind, chmod, listen, and the lock's release) and around the
+ *   daemon start. The prepare-daemon callback, the greeting, the hand-over
+ *   and the verdict run with the caller's user ID.
+ * - The lock file is held only while the side is chosen, never across a
+ *   daemon start, and is never removed.
+ * - Only a descriptor that was open when the rendezvous began is handed
+ *   over; a number that named nothing then never names one of our own.
+ * - Every descriptor is closed on the way out, and a failed close is a
+ *   failure. Nothing but the listening socket and the watch pipe's read end
+ *   reaches the daemon.
+ */
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "hostinfo.h"
+#include "internal/fatal.h"
+#include "log.h"
+#include "serviceImpl.h"
+#include "str.h"
+
+namespace {
+
+constexpr char kPickTag[] = "ServiceImplPickSockSide";
+constexpr char kStartTag[] = "ServiceImplDaemonStart";
+
+// Root for the lifetime of the object; the caller's user ID again after.
+class [[nodiscard]] RootBracket {
+public:
+   RootBracket() { ServiceImpl_PrivRaise(); }
+   ~RootBracket() { ServiceImpl_PrivLower(); }
+   RootBracket(const RootBracket &) = delete;
+   RootBracket &operator=(const RootBracket &) = delete;
+};
+
+// The socket's address; a path that does not fit sun_path ends the process
+// in the checked copy. An empty path would name Linux's abstract namespace,
+// where anyone may bind, so it is refused the same way.
+void FillAddress(struct sockaddr_un *addr, const char *path) {
+   memset(addr, 0, sizeof *addr);
+   addr->sun_family = AF_UNIX;
+   if (path[0] == '\0') {
+      halcyx::PanicVerify("opener/rendezvous", __LINE__);
+   }
+   Str_Strcpy(addr->sun_path, path, sizeof addr->sun_path);
+}
+
+// Opens the lock file and waits for its exclusive lock; -1 on failure.
+int OpenLocked(const char *lockPath) {
+   int fd = open(lockPath, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+   if (fd < 0) {
+      Warning("%s: open errno %d.\n", kPickTag, errno);
+      return -1;
+   }
+   int rc;
+   while ((rc = flock(fd, LOCK_EX)) != 0 && errno == EINTR) {
+   }
+   if (rc != 0) {
+      Warning("%s: flock errno %d.\n", kPickTag, errno);
+      ServiceImplClose(&fd, nullptr);
+   }
+   return fd;
+}
+
+// Takes over the socket path: replaces whatever is there with a socket that
+// only root can connect to until the daemon's callers are served.
+bool Listen(int sock, const char *socketPath, const struct sockaddr_un *addr) {
+   if (unlink(socketPath) != 0 && errno != ENOENT) {
+      Warning("%s: unlink errno %d.\n", kPickTag, errno);
+      return false;
+   }
+   // No one may connect through a wider mode before chmod narrows it.
+   mode_t oldMask = umask(077);
+   int rc = bind(sock, reinterpret_cast<const struct sockaddr *>(addr), sizeof *addr);
+   int bindErrno = errno;
+   umask(oldMask);
+   if (rc != 0) {
+      Warning("%s: bind errno %d.\n", kPickTag, bindErrno);
+      return false;
+   }
+   if (chmod(socketPath, 0600) != 0) {
+      Warning("%s: chmod errno %d.\n", kPickTag, errno);
+      return false;
+   }
+   if (listen(sock, 0) != 0) {
+      Warning("%s: listen errno %d.\n", kPickTag, errno);
+      return false;
+   }
+   return true;
+}
+
+/*
+ * Under the lock, connects to the daemon or, when nobody listens, becomes
+ * the listener. Returns the socket (and which side it is) or -1. Runs as
+ * root.
+ */
+int PickSockSide(const char *lockPath, const char *socketPath, bool *listener) {
+   int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   if (sock < 0) {
+      Warning("%s: socket errno %d.\n", kPickTag, errno);
+      return -1;
+   }
+   struct sockaddr_un addr;
+   FillAddress(&addr, socketPath);
+
+   bool picked = false;
+   int lock = OpenLocked(lockPath);
+   if (lock >= 0) {
+      if (connect(sock, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0) {
+         picked = true;
+         *listener = false;
+      } else if (errno == ENOENT || errno == ECONNREFUSED) {
+         picked = Listen(sock, socketPath, &addr);
+         *listener = true;
+      } else {
+         Warning("%s: connect errno %d.\n", kPickTag, errno);
+      }
+      // Releases the lock: the next opener may choose its side now.
+      if (!ServiceImplClose(&lock, nullptr)) {
+         picked = false;
+      }
+   }
+   if (!picked) {
+      ServiceImplClose(&sock, nullptr);
+   }
+   return sock;
+}
+
+/*
+ * Listening side: lets the callback prepare the daemon, starts it with the
+ * listening socket and a fresh watch pipe's read end, then gives up our
+ * copy of the listening socket. On success *watch holds the pipe's write
+ * end (the daemon sees its end-of-file when we finish) and *sock is -1.
+ */
+bool StartDaemon(const char *daemonPath, int *sock, int *watch) {
+   if (!ServiceImplClose(watch, nullptr)) {
+      return false;
+   }
+   ServiceImplPrepareDaemonFn prepare = ServiceImplGetPrepareDaemonCallback();
+   if (prepare != nullptr && !prepare()) {
+      return false;
+   }
+
+   bool started = false;
+   char sockText[12];
+   char pipeText[12];
+   Str_Sprintf(sockText, sizeof sockText, "%d", *sock);
+   int pipeFds[2] = {-1, -1};
+   if (pipe2(pipeFds, O_CLOEXEC) != 0) {
+      Warning("%s: pipe errno %d.\n", kStartTag, errno);
+      pipeFds[0] = pipeFds[1] = -1;
+   } else {
+      // Both survive the exec under these numbers although close-on-exec here.
+      Str_Sprintf(pipeText, sizeof pipeText, "%d", pipeFds[0]);
+      const char *args[] = {daemonPath, sockText, pipeText, nullptr};
+      const int keep[] = {*sock, pipeFds[0]};
+      RootBracket root;
+      started = Hostinfo_Daemonize(daemonPath, args, 0, nullptr, keep, 2);
+   }
+   if (!ServiceImplClose(&pipeFds[0], nullptr)) {
+      started = false;
+   }
+   if (!started) {
+      ServiceImplClose(&pipeFds[1], nullptr);
+      return false;
+   }
+   *watch = pipeFds[1];
+   return ServiceImplClose(sock, nullptr);
+}
+
+}  // namespace
+
+extern "C" bool ServiceImplOpener(const char *lockPath, const char *socketPath,
+                                  const char *daemonPath, int fdToPass) {
+   // A number that names no descriptor now could name our socket, lock or
+   // pipe later; -1 fails in sendmsg with EBADF as the closed number would.
+   const int passFd = fcntl(fdToPass, F_GETFD) == -1 ? -1 : fdToPass;
+   bool result = false;
+   int sock = -1;
+   int watch = -1;
+
+   // No pass limit and no pause: a connection that ends before its greeting
+   // and a successful daemon start both lead to another pass.
+   for (;;) {
+      bool listener = false;
+      {
+         RootBracket root;
+         sock = PickSockSide(lockPath, socketPath, &listener);
+      }
+      if (sock == -1) {
+         break;
+      }
+      // Linux has no SO_NOSIGPIPE: every socket write uses MSG_NOSIGNAL.
+      if (listener) {
+         if (!StartDaemon(daemonPath, &sock, &watch)) {
+            break;
+         }
+         continue;
+      }
+
+      unsigned char byte;
+      int got = ServiceImplReadOne(sock, &byte);
+      if (got == SERVICE_IMPL_READ_EOF) {
+         if (!ServiceImplClose(&sock, nullptr)) {
+            break;
+         }
+         continue;
+      }
+      if (got == SERVICE_IMPL_READ_BYTE && ServiceImplSendFd(sock, passFd)) {
+         result = ServiceImplReadOne(sock, &byte) == SERVICE_IMPL_READ_BYTE && byte == '1';
+      }
+      break;
+   }
+
+   ServiceImplClose(&watch, &result);
+   ServiceImplClose(&sock, &result);
+   return result;
+}
