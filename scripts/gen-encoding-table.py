@@ -134,9 +134,9 @@ MIB = {
     "ISO-8859-2": 5, "ISO-8859-3": 6, "ISO-8859-4": 7, "ISO-8859-5": 8, "ISO-8859-6": 9,
     "ISO-8859-7": 10, "ISO-8859-8": 11, "ISO-8859-9": 12, "ISO-8859-10": 13,
 }
-# From ISO_6937-2-add (14) to KZ-1048 (119) the registry numbers its sets in
-# the order of the table, with gaps listed here.
-_SEQUENTIAL_FROM, _SEQUENTIAL_TO = "ISO_6937-2-add", "KZ-1048"
+# From ISO_6937-2-add (14) up to UTF-8 the registry numbers its sets in the
+# order of the table; MIB_OVERRIDES restarts the count where it jumps.
+_SEQUENTIAL_FROM = "ISO_6937-2-add"
 MIB_OVERRIDES = {
     "ISO-2022-KR": 37, "ISO-2022-JP": 39, "ISO-2022-JP-1": -1, "ISO-2022-JP-2": 40,
     "UTF-8": 106, "ISO-8859-13": 109, "ISO-8859-14": 110, "ISO-8859-15": 111,

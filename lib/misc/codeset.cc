@@ -1,25 +1,16 @@
 /*
- * Code-set conversion: engine selection, the public conversions, UTF-8
- * validation and the code-point helpers.
+ * Code-set conversion: engine selection, the public conversions and the
+ * code-point helpers (UTF-8 validation is in codesetUtf8.cc).
  *
- * Engine selection happens once, in CodeSet_Init, and only looks for ICU's
- * data file; ICU itself is loaded by the ICU engine on its first call, so a
+ * Engine selection happens in CodeSet_Init and only looks for ICU's data
+ * file; ICU itself is loaded by the ICU engine on its first call, so a
  * program that never converts through ICU never maps it.
- *
- * Validation follows the published UTF-8 automaton (a byte-class table and
- * 16 transitions per state; state 0 accepts, state 1 rejects). Scanning it a
- * byte at a time is the reference; CodeSet_IsValidUTF8 gets the same answer
- * faster by skipping runs of ASCII 16 or 64 bytes at a time whenever the
- * automaton is in state 0, where an ASCII byte cannot change anything.
  */
 #include "codeset.h"
 
 #include <atomic>
 #include <cstring>
 #include <sys/stat.h>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 #include "internal/fatal.h"
 #include "internal/unique.h"
@@ -40,98 +31,7 @@ std::atomic<bool> gUseIcu{false};
 constexpr char kIcuDataFile[] = "icudt44l.dat";
 constexpr char kNoLocationIcuDir[] = "/dev/null/Non-existing DEFAULT_LIBDIRECTORY" "/icu";
 
-// The automaton: 256 byte classes, then 16 transitions for each of 9 states.
-constexpr uint8_t kUtf8Dfa[256 + 9 * 16] = {
-   // 0x00..0x7F: class 0
-   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-   // 0x80..0x8F: 1, 0x90..0x9F: 9, 0xA0..0xBF: 7
-   1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9,
-   7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7,
-   // 0xC0..0xC1: 8, 0xC2..0xDF: 2
-   8, 8, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2,
-   // 0xE0: 10, 0xE1..0xEC: 3, 0xED: 4, 0xEE..0xEF: 3, 0xF0: 11, 0xF1..0xF3: 6, 0xF4: 5,
-   // 0xF5..0xFF: 8
-   10, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 4, 3, 3, 11, 6, 6, 6, 5, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8,
-   // state 0: accept
-   0, 1, 2, 3, 5, 8, 7, 1, 1, 1, 4, 6, 1, 1, 1, 1,
-   // state 1: reject
-   1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1,
-   // state 2: one continuation byte to go
-   1, 0, 1, 1, 1, 1, 1, 0, 1, 0, 1, 1, 1, 1, 1, 1,
-   // state 3: two to go
-   1, 2, 1, 1, 1, 1, 1, 2, 1, 2, 1, 1, 1, 1, 1, 1,
-   // state 4: after E0, A0..BF then one
-   1, 1, 1, 1, 1, 1, 1, 2, 1, 1, 1, 1, 1, 1, 1, 1,
-   // state 5: after ED, 80..9F then one
-   1, 2, 1, 1, 1, 1, 1, 1, 1, 2, 1, 1, 1, 1, 1, 1,
-   // state 6: after F0, 90..BF then two
-   1, 1, 1, 1, 1, 1, 1, 3, 1, 3, 1, 1, 1, 1, 1, 1,
-   // state 7: after F1..F3, any then two
-   1, 3, 1, 1, 1, 1, 1, 3, 1, 3, 1, 1, 1, 1, 1, 1,
-   // state 8: after F4, 80..8F then two
-   1, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1,
-};
-
-constexpr uint32_t kAccept = 0;
-constexpr uint32_t kReject = 1;
-
-inline uint32_t DfaStep(uint32_t state, uint8_t byte) {
-   return kUtf8Dfa[256 + state * 16 + kUtf8Dfa[byte]];
-}
-
-// Offset of the first byte >= 0x80 in [p, end), or end - p.
-inline size_t AsciiPrefix(const uint8_t *p, const uint8_t *end) {
-   const uint8_t *start = p;
-#if defined(__SSE2__)
-   while (end - p >= 64) {
-      __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
-      __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 16));
-      __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 32));
-      __m128i d = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 48));
-      if (_mm_movemask_epi8(_mm_or_si128(_mm_or_si128(a, b), _mm_or_si128(c, d))) != 0) {
-         break;
-      }
-      p += 64;
-   }
-   while (end - p >= 16) {
-      int mask = _mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p)));
-      if (mask != 0) {
-         return static_cast<size_t>(p - start) + static_cast<size_t>(__builtin_ctz(mask));
-      }
-      p += 16;
-   }
-#else
-   while (end - p >= 8) {
-      uint64_t word;
-      std::memcpy(&word, p, sizeof word);
-      uint64_t high = word & 0x8080808080808080ull;
-      if (high != 0) {
-         return static_cast<size_t>(p - start) + static_cast<size_t>(__builtin_ctzll(high) / 8);
-      }
-      p += 8;
-   }
-#endif
-   while (p < end && *p < 0x80) {
-      p++;
-   }
-   return static_cast<size_t>(p - start);
-}
-
 }  // namespace
-
-bool CodeSetValidateUtf8Dfa(const uint8_t *buf, size_t size) {
-   uint32_t state = kAccept;
-   for (size_t i = 0; i < size; i++) {
-      state = DfaStep(state, buf[i]);
-      if (state == kReject) {
-         return false;
-      }
-   }
-   return state == kAccept;
-}
 
 bool CodeSetUseIcu() { return gUseIcu.load(std::memory_order_relaxed); }
 
@@ -306,22 +206,7 @@ bool CodeSet_IsValidUTF8(const char *buf, size_t size) {
    if (buf == nullptr) {
       return size == 0;
    }
-   auto p = reinterpret_cast<const uint8_t *>(buf);
-   const uint8_t *end = p + size;
-   uint32_t state = halcyx::kAccept;
-   while (p < end) {
-      if (state == halcyx::kAccept) {
-         p += halcyx::AsciiPrefix(p, end);
-         if (p == end) {
-            break;
-         }
-      }
-      state = halcyx::DfaStep(state, *p++);
-      if (state == halcyx::kReject) {
-         return false;
-      }
-   }
-   return state == halcyx::kAccept;
+   return halcyx::CodeSetValidateUtf8(reinterpret_cast<const uint8_t *>(buf), size);
 }
 
 bool CodeSet_IsStringValidUTF8(const char *string) {
@@ -330,31 +215,6 @@ bool CodeSet_IsStringValidUTF8(const char *string) {
 
 bool CodeSet_IsValidUTF8String(const char *buf, size_t size) {
    return CodeSet_IsValidUTF8(buf, size) && (size == 0 || std::memchr(buf, '\0', size) == nullptr);
-}
-
-int CodeSet_GetUtf8(const char *string, const char *end, uint32_t *uchar) {
-   if (string == nullptr || end <= string) {
-      return 0;
-   }
-   auto p = reinterpret_cast<const uint8_t *>(string);
-   size_t avail = static_cast<size_t>(end - string);
-   uint32_t state = halcyx::kAccept;
-   uint32_t cp = 0;
-   for (size_t i = 0; i < avail && i < 4; i++) {
-      uint8_t byteClass = halcyx::kUtf8Dfa[p[i]];
-      cp = state == halcyx::kAccept ? (0xFFu >> byteClass) & p[i] : (p[i] & 0x3Fu) | (cp << 6);
-      state = halcyx::DfaStep(state, p[i]);
-      if (state == halcyx::kReject) {
-         return 0;
-      }
-      if (state == halcyx::kAccept) {
-         if (uchar != nullptr) {
-            *uchar = cp;
-         }
-         return static_cast<int>(i + 1);
-      }
-   }
-   return 0;
 }
 
 int CodeSet_LengthInCodePoints(const char *utf8) {

@@ -9,6 +9,7 @@
  * Each conversion opens and closes its own converters; nothing else is
  * shared between threads.
  */
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -219,7 +220,8 @@ bool CodeSetIcuNormalizeNfc(const char *bufIn, size_t sizeIn, DynBuf *db) {
    if (bufIn == nullptr && sizeIn != 0) {
       return false;
    }
-   if (sizeIn > INT32_MAX / 3 || !LoadIcu()) {
+   // Composition may triple the units of its input; everything stays in int32_t.
+   if (sizeIn > INT32_MAX / 4 || !LoadIcu()) {
       return false;
    }
    auto length = static_cast<int32_t>(sizeIn);
@@ -241,8 +243,9 @@ bool CodeSetIcuNormalizeNfc(const char *bufIn, size_t sizeIn, DynBuf *db) {
          U_SUCCESS(err) ? gIcu.normalize(nfc, utf16, units, composed, 3 * capacity, &err) : 0;
       int32_t bytes = 0;
       if (U_SUCCESS(err) && CodeSetReserve(db, 3 * static_cast<uint64_t>(composedUnits) + 1)) {
-         gIcu.toUtf8(db->data + db->size, static_cast<int32_t>(db->allocated - db->size), &bytes,
-                     composed, composedUnits, &err);
+         uint64_t room = std::min<uint64_t>(db->allocated - db->size, INT32_MAX);
+         gIcu.toUtf8(db->data + db->size, static_cast<int32_t>(room), &bytes, composed,
+                     composedUnits, &err);
          if (U_SUCCESS(err)) {
             db->size += static_cast<uint64_t>(bytes);
             ok = true;

@@ -70,9 +70,15 @@ inline size_t CodeSetEncodeUtf8(uint32_t cp, uint8_t *out) {
    return 4;
 }
 
-// The plain automaton, byte by byte: the reference the fast validator must
-// agree with.
+// UTF-8 validation (codesetUtf8.cc): CodeSetValidateUtf8 picks the fastest
+// path. The plain automaton, byte by byte, is the reference that every
+// other path must agree with; the AVX2 path may only be called when
+// CodeSetHasAvx2().
+bool CodeSetValidateUtf8(const uint8_t *buf, size_t size);
 bool CodeSetValidateUtf8Dfa(const uint8_t *buf, size_t size);
+bool CodeSetValidateUtf8Scalar(const uint8_t *buf, size_t size);
+bool CodeSetValidateUtf8Avx2(const uint8_t *buf, size_t size);
+bool CodeSetHasAvx2();
 
 }  // namespace halcyx
 

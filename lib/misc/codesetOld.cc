@@ -18,6 +18,7 @@
  * Names are resolved through the encoding table, so every alias of the four
  * sets works; any other set fails.
  */
+#include <array>
 #include <cstring>
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -35,6 +36,9 @@ using halcyx::kCodeSetModulePath;
 enum class Form { kUtf8, kUtf16le, kUtf16be, kAscii, kNone };
 
 Form FormOf(const char *name) {
+   if (name == nullptr) {
+      return Form::kNone;
+   }
    int32_t encoding = std::strcmp(name, CodeSetOld_GetCurrentCodeSet()) == 0
                          ? Unicode_GetCurrentEncoding()
                          : Unicode_EncodingNameToEnum(name);
@@ -68,7 +72,7 @@ struct LeadInfo {
    uint8_t length, lo, hi;
 };
 
-constexpr LeadInfo Lead(uint8_t b) {
+constexpr LeadInfo LeadOf(uint8_t b) {
    if (b >= 0xC2 && b <= 0xDF) return {2, 0x80, 0xBF};
    if (b == 0xE0) return {3, 0xA0, 0xBF};
    if (b == 0xED) return {3, 0x80, 0x9F};
@@ -79,12 +83,21 @@ constexpr LeadInfo Lead(uint8_t b) {
    return {0, 0, 0};
 }
 
+constexpr std::array<LeadInfo, 256> MakeLeads() {
+   std::array<LeadInfo, 256> leads{};
+   for (size_t b = 0; b < 256; b++) {
+      leads[b] = LeadOf(static_cast<uint8_t>(b));
+   }
+   return leads;
+}
+constexpr std::array<LeadInfo, 256> kLeads = MakeLeads();
+
 Step DecodeUtf8(const uint8_t *p, const uint8_t *end) {
    uint8_t b = p[0];
    if (b < 0x80) {
       return {b, 1, true};
    }
-   LeadInfo lead = Lead(b);
+   LeadInfo lead = kLeads[b];
    if (lead.length == 0) {
       return {0, 1, false};
    }
@@ -189,11 +202,9 @@ size_t Encode(Form form, uint32_t cp, uint8_t *out) {
    }
 }
 
+// flags is one of the three known values.
 bool Convert(Form from, const char *bufIn, size_t sizeIn, Form to, unsigned int flags,
              DynBuf *db) {
-   if (flags > CODESET_FLAG_SKIP) {
-      halcyx::PanicNotImplemented(kCodeSetModulePath, __LINE__);
-   }
    if (from == Form::kNone || to == Form::kNone) {
       return false;
    }
@@ -244,19 +255,21 @@ bool Utf8ToUtf16leFast(const char *bufIn, size_t sizeIn, DynBuf *db) {
    uint8_t *const outStart = out;
    while (p < end) {
 #if defined(__SSE2__)
-      while (end - p >= 16) {
+      if (end - p >= 16) {
+         // Widen 16 bytes; when some are not ASCII, keep only the ASCII run
+         // before the first of them (the rest is written again below). The
+         // output has room: 32 bytes for 16 input bytes still to come.
          __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
-         if (_mm_movemask_epi8(v) != 0) {
-            break;
-         }
          __m128i zero = _mm_setzero_si128();
          _mm_storeu_si128(reinterpret_cast<__m128i *>(out), _mm_unpacklo_epi8(v, zero));
          _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 16), _mm_unpackhi_epi8(v, zero));
-         p += 16;
-         out += 32;
-      }
-      if (p == end) {
-         break;
+         int mask = _mm_movemask_epi8(v);
+         size_t ascii = mask == 0 ? 16 : static_cast<size_t>(__builtin_ctz(mask));
+         p += ascii;
+         out += 2 * ascii;
+         if (ascii == 16) {
+            continue;
+         }
       }
 #endif
       if (*p < 0x80) {
@@ -285,11 +298,11 @@ bool CodeSetOld_GenericToGenericDb(const char *codeIn, const char *bufIn, size_t
    if (flags > CODESET_FLAG_SKIP) {
       halcyx::PanicNotImplemented(kCodeSetModulePath, __LINE__);
    }
+   if (bufIn == nullptr || sizeIn == 0) {
+      return true;
+   }
    Form from = FormOf(codeIn);
    Form to = FormOf(codeOut);
-   if (bufIn == nullptr || sizeIn == 0) {
-      return from != Form::kNone && to != Form::kNone;
-   }
    if (from == Form::kUtf8 && to == Form::kUtf16le && flags == CODESET_FLAG_STOP) {
       return Utf8ToUtf16leFast(bufIn, sizeIn, db);
    }

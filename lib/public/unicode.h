@@ -62,7 +62,10 @@ void Unicode_Init(int argc, char ***argv, char ***envp);
 void Unicode_InitW(int argc, uint16_t **wargv, uint16_t **wenvp, char ***argv, char ***envp);
 /* As Unicode_Init, with the ICU data directory to search. */
 void Unicode_InitEx(int argc, char ***argv, char ***envp, const char *icuDataDir);
-/* Frees the encoding-name cache; a later lookup creates it again. */
+/*
+ * Frees the encoding-name cache; a later lookup creates it again. Not to be
+ * called while another thread may look a name up.
+ */
 void Unicode_Shutdown(void);
 
 /* ---- Allocation and conversion ---------------------------------------- */

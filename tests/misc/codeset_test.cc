@@ -72,6 +72,23 @@ std::vector<std::string> AdversarialInputs() {
                                           0xEF, 0xF0, 0xF3, 0xF4, 0xF5, 0xFF, 0xD8, 0xDB,
                                           0xDC, 0xDF, 0x3D, 0xDE};
    std::mt19937 rng(20261123);
+   // Valid text of every width, long enough to cross vector strides and
+   // blocks, and the same text with one byte changed.
+   for (int i = 0; i < 1500; i++) {
+      std::string s;
+      for (size_t n = rng() % 90; n > 0; n--) {
+         uint32_t cp = rng() % 4 == 0 ? rng() % 0x110000 : 0x20 + rng() % 95;
+         uint8_t utf8[4];
+         if (cp < 0xD800 || cp > 0xDFFF) {
+            s.append(reinterpret_cast<char *>(utf8), halcyx::CodeSetEncodeUtf8(cp, utf8));
+         }
+      }
+      inputs.push_back(s);
+      if (!s.empty()) {
+         s[rng() % s.size()] = static_cast<char>(rng());
+         inputs.push_back(s);
+      }
+   }
    for (int i = 0; i < 3000; i++) {
       std::string s(rng() % 24, '\0');
       for (char &c : s) {
@@ -85,13 +102,19 @@ std::vector<std::string> AdversarialInputs() {
 TEST(Utf8Validation, FastPathAgreesWithAutomatonAndIcu) {
    IcuEngine icu;
    auto check = [](const std::string &s) {
-      bool dfa = halcyx::CodeSetValidateUtf8Dfa(reinterpret_cast<const uint8_t *>(s.data()),
-                                                s.size());
+      auto bytes = reinterpret_cast<const uint8_t *>(s.data());
+      bool dfa = halcyx::CodeSetValidateUtf8Dfa(bytes, s.size());
       ASSERT_EQ(CodeSet_IsValidUTF8(s.data(), s.size()), dfa) << Hex(s);
+      ASSERT_EQ(halcyx::CodeSetValidateUtf8Scalar(bytes, s.size()), dfa) << Hex(s);
+      if (halcyx::CodeSetHasAvx2()) {
+         ASSERT_EQ(halcyx::CodeSetValidateUtf8Avx2(bytes, s.size()), dfa) << Hex(s);
+      }
       ASSERT_EQ(CodeSet_Validate(s.data(), s.size(), "UTF-8"), dfa) << Hex(s);
    };
    for (const std::string &s : AdversarialInputs()) {
       check(s);
+      check(std::string(64, 'x') + s);        // after an ASCII block
+      check(s + std::string(70 - s.size() % 64, '\xC3'));  // across blocks
    }
    // A bad or multi-byte sequence at every offset of ASCII runs that cross
    // the 16- and 64-byte strides, including a sequence cut by the end.
@@ -162,6 +185,8 @@ TEST(Conversion, FlagsDecideTheFateOfBadInput) {
                 (Converted{true, std::string("\x28\x00", 2)}));
       EXPECT_EQ(Convert("UTF-8", "", "UTF-16LE", 0), (Converted{true, ""}));
       EXPECT_EQ(Convert("latin1", "a", "UTF-8", 0).ok, withIcu);
+      EXPECT_FALSE(Convert(nullptr, "a", "UTF-8", 0).ok);
+      EXPECT_FALSE(Convert("UTF-8", "a", "no-such-set", 0).ok);
       auto r = RunInChild([] { Convert("UTF-8", "a", "UTF-16LE", 3); });
       EXPECT_EQ(r.ExitCode(), 1);
       EXPECT_NE(r.out.find("NOT_IMPLEMENTED lib/misc/codeset:"), std::string::npos) << r.out;

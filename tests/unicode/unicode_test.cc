@@ -144,6 +144,27 @@ TEST(Alloc, Lists) {
    free(list);
 }
 
+TEST(Alloc, WideArgumentsAtInitialisation) {
+   const uint16_t arg0[] = {'p', 0xE9, 0}, arg1[] = {0xD83D, 0xDE00, 0}, env0[] = {'A', '=', 0};
+   uint16_t *wargv[] = {const_cast<uint16_t *>(arg0), const_cast<uint16_t *>(arg1), nullptr};
+   uint16_t *wenvp[] = {const_cast<uint16_t *>(env0), nullptr};
+   char **argv = nullptr, **envp = nullptr;
+   Unicode_InitW(2, wargv, wenvp, &argv, &envp);
+   ASSERT_NE(argv, nullptr);
+   ASSERT_NE(envp, nullptr);
+   EXPECT_STREQ(argv[0], "p\xC3\xA9");
+   EXPECT_STREQ(argv[1], "\xF0\x9F\x98\x80");
+   EXPECT_EQ(argv[2], nullptr);
+   EXPECT_STREQ(envp[0], "A=");
+   EXPECT_EQ(envp[1], nullptr);
+   for (char **list : {argv, envp}) {
+      for (char **p = list; *p != nullptr; p++) {
+         free(*p);
+      }
+      free(list);
+   }
+}
+
 TEST(GetBytes, IntoEncodings) {
    for (bool withIcu : {false, true}) {
       std::unique_ptr<IcuEngine> icu(withIcu ? new IcuEngine : nullptr);

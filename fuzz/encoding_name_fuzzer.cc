@@ -1,0 +1,30 @@
+// Fuzzes encoding-name lookup: any name gives unknown or a valid enumerator,
+// the same answer again from the cache, and an enumerator whose preferred
+// name leads back to it.
+#include <cstdint>
+#include <string>
+
+#include "log.h"
+#include "unicode.h"
+
+#define CHECK(cond) ((cond) ? (void)0 : __builtin_trap())
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+   static const int kQuiet = ServiceImplLogOpen("/dev/null");  // misses are logged
+   (void)kQuiet;
+   if (size > 256) {
+      return 0;
+   }
+   std::string name(reinterpret_cast<const char *>(data), size);
+   name = name.c_str();  // up to the first NUL
+   int32_t e = Unicode_EncodingNameToEnum(name.c_str());
+   CHECK(e == UNICODE_ENCODING_UNKNOWN || Unicode_IsEncodingValid(e));
+   CHECK(Unicode_EncodingNameToEnum(name.c_str()) == e);
+   if (e != UNICODE_ENCODING_UNKNOWN) {
+      CHECK(Unicode_EncodingNameToEnum(Unicode_EncodingEnumToName(e)) == e);
+   }
+   if (size > 0 && data[0] == '!') {
+      Unicode_Shutdown();  // a later lookup builds the cache again
+   }
+   return 0;
+}
