@@ -28,12 +28,18 @@ namespace {
 
 std::atomic<bool> gUseIcu{false};
 
+// Whether CodeSet_Init found ICU's data file (or was told to use it).
+bool IcuSelected() { return gUseIcu.load(std::memory_order_relaxed); }
+
 constexpr char kIcuDataFile[] = "icudt44l.dat";
 constexpr char kNoLocationIcuDir[] = "/dev/null/Non-existing DEFAULT_LIBDIRECTORY" "/icu";
 
 }  // namespace
 
-bool CodeSetUseIcu() { return gUseIcu.load(std::memory_order_relaxed); }
+// The ICU engine serves once its data file was found and the library loads;
+// a program that cannot load it (the opener loads no shared library) keeps
+// the built-in engine rather than failing every conversion.
+bool CodeSetUseIcu() { return IcuSelected() && CodeSetIcuLoad(); }
 
 bool CodeSetDbToResult(bool ok, DynBuf *db, char **bufOut, size_t *sizeOut) {
    static constexpr char kTerminator[4] = {0, 0, 0, 0};
@@ -157,10 +163,11 @@ bool CodeSet_Utf8ToCurrent(const char *bufIn, size_t sizeIn, char **bufOut, size
    if (sizeIn == static_cast<size_t>(-1)) {
       return false;
    }
-   if (!CodeSetUseIcu()) {
+   // With ICU selected the current code set is UTF-8 and the bytes are the
+   // answer, so the library need not even be loaded for it.
+   if (!halcyx::IcuSelected()) {
       return CodeSetOld_Utf8ToCurrent(bufIn, sizeIn, bufOut, sizeOut);
    }
-   // The current code set is UTF-8: the bytes are the answer.
    char *copy = static_cast<char *>(malloc(sizeIn + 1));
    if (copy == nullptr) {
       return false;

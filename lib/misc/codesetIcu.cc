@@ -135,6 +135,8 @@ void CodeSetIcuSetDataDirectory(const char *path) {
    }
 }
 
+bool CodeSetIcuLoad() { return LoadIcu(); }
+
 bool CodeSetIcuIsLoaded() {
    return std::atomic_ref<int>(gIcuState.once).load(std::memory_order_acquire) == 2 &&
           gIcuState.loaded;

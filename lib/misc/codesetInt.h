@@ -43,6 +43,8 @@ bool CodeSetIcuIsEncodingSupported(const char *name);
 int CodeSetIcuValidate(const char *buf, size_t size, const char *code);
 bool CodeSetIcuNormalizeNfc(const char *bufIn, size_t sizeIn, DynBuf *db);
 void CodeSetIcuSetDataDirectory(const char *path);
+// Loads ICU on first call; whether it is usable in this process.
+bool CodeSetIcuLoad();
 // Whether ICU has been loaded into this process (for tests).
 bool CodeSetIcuIsLoaded();
 
