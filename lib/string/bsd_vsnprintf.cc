@@ -1160,15 +1160,12 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
                   cp = "(null)";
                }
             }
-            if (prec >= 0) {
-               const void *nul = memchr(cp, '\0', static_cast<size_t>(prec));
-               if (nul != nullptr) {
-                  csize = static_cast<const char *>(nul) - cp;
-               } else {
-                  // Cut by the precision: never inside a character.
-                  csize = static_cast<int64_t>(
-                     Utf8BoundaryLength(cp, static_cast<size_t>(prec)));
-               }
+            if (prec >= 0 && scratch.wide == nullptr) {
+               // At most prec bytes, and never a partial character at the end
+               // of what is taken, whether the precision or the terminator
+               // ended it. (A converted wide string is already cut.)
+               csize = static_cast<int64_t>(
+                  Utf8BoundaryLength(cp, strnlen(cp, static_cast<size_t>(prec))));
             } else {
                csize = static_cast<int64_t>(strlen(cp));
             }

@@ -150,7 +150,9 @@ TEST(EngineDiffersByDesign, StringsAndCharacters) {
       {Fmt("%ls|%S", L"wide", L"\u00e9t\u00e9"), "wide|\xC3\xA9t\xC3\xA9"},
       {Fmt("[%.3ls][%.2ls][%.1ls]", L"\u00e9t\u00e9", L"\u20ac", L"\u00e9"), "[\xC3\xA9t][][]"},
       {Fmt("[%6ls][%-4.4S]", L"\u00e9", L"\U0001F600x"), "[    \xC3\xA9][\xF0\x9F\x98\x80]"},
-      {Fmt("%ls", bad), "\xEF\xBF\xBD" "a"},  // not a character: U+FFFD
+      // The string ends before the precision, inside a character.
+      {Fmt("[%.10s][%.4s]", "ab\xE2\x82", "ab\xE2\x82"), "[ab][ab]"},
+      {Fmt("%ls", bad), "\xED\xA0\x80" "a"},  // an unpaired surrogate passes through
       {Fmt("%lc%C", static_cast<wint_t>(L'x'), static_cast<wint_t>(L'y')), "xy"},
       {Fmt("ab%lcd", static_cast<wint_t>(0xE9)), "<-1>"},  // not in the C locale
    });

@@ -49,6 +49,11 @@ TEST(StrSnprintf, TruncationKeepsWholeCharactersAndNeverWritesAtSizeZero) {
    char buf[8] = "QQQQQQQ";
    EXPECT_EQ(Str_Snprintf(buf, 0, "x"), -1);
    EXPECT_EQ(buf[0], 'Q');
+   {
+      halcyx::test::AllocationSeam seam;  // a null buffer never selects allocation
+      EXPECT_EQ(Str_Snprintf(nullptr, 0, "x%s", "y"), -1);
+      EXPECT_TRUE(seam.Requests().empty());
+   }
    EXPECT_EQ(Str_Snprintf(buf, 1, "x"), -1);
    EXPECT_EQ(std::string(buf, 2), std::string("\0Q", 2));
    for (size_t size : {4, 5}) {
