@@ -8,11 +8,11 @@
  * DynBuf_DetachString.
  *
  * Growth: when an operation needs a capacity larger than the current one,
- * the candidate capacity is 128 from 0, double the current one below
- * 262,144 bytes and the current one plus 262,144 from there on; the larger
- * of the candidate and the required capacity is taken. A capacity that
- * would wrap around, or a failed reallocation, is failure, and failure
- * leaves the buffer exactly as it was.
+ * and on every DynBuf_Enlarge, the candidate capacity is 128 from 0,
+ * double the current one below 262,144 bytes and the current one plus
+ * 262,144 from there on; the larger of the candidate and the required
+ * capacity is taken. A capacity that would wrap around, or a failed
+ * reallocation, is failure, and failure leaves the buffer exactly as it was.
  *
  * Plain forms report failure through their result. The Safe forms end the
  * process through Panic("Unrecoverable memory allocation failure at
@@ -72,7 +72,12 @@ void *DynBuf_Detach(DynBuf *b);
  */
 char *DynBuf_DetachString(DynBuf *b);
 
-/* Makes the capacity at least minSize. False on failure, buffer unchanged. */
+/*
+ * Grows the block by the growth rule to at least minSize, every time it is
+ * called: from 0 to 128 and from 128 to 256 even when minSize already fits,
+ * so callers test whether they need room first. False on failure, buffer
+ * unchanged.
+ */
 bool DynBuf_Enlarge(DynBuf *b, uint64_t minSize);
 
 /*
