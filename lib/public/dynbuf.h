@@ -133,11 +133,27 @@ static inline uint64_t DynBuf_GetAllocatedSize(const DynBuf *b) { return b->allo
 static inline void DynBuf_SetSize(DynBuf *b, uint64_t size) { b->size = size; }
 
 static inline bool DynBufAppendInline(DynBuf *b, const void *bytes, uint64_t length) {
-   uint64_t newSize = b->size + length;
-   /* A non-empty piece that fits without wrapping: data is a real block. */
-   if (length != 0 && newSize >= length && newSize <= b->allocated) {
-      memcpy(b->data + b->size, bytes, length);
-      b->size = newSize;
+   /*
+    * A non-empty piece that fits: data is a real block. Pieces of up to 16
+    * bytes are copied as two overlapping moves instead of a memcpy call.
+    */
+   if (b->size <= b->allocated && length - 1 < b->allocated - b->size) {
+      char *d = b->data + b->size;
+      const char *s = (const char *)bytes;
+      if (length > 16) {
+         memcpy(d, s, length);
+      } else if (length >= 8) {
+         memcpy(d, s, 8);
+         memcpy(d + length - 8, s + length - 8, 8);
+      } else if (length >= 4) {
+         memcpy(d, s, 4);
+         memcpy(d + length - 4, s + length - 4, 4);
+      } else {
+         d[0] = s[0];
+         d[length / 2] = s[length / 2];
+         d[length - 1] = s[length - 1];
+      }
+      b->size += length;
       return true;
    }
    return (DynBuf_Append)(b, bytes, length);

@@ -48,6 +48,19 @@ TEST(DynBufGrowth, DoublesFrom128ThenStepsBy262144AndRequiredSizeWins) {
    DynBuf_Destroy(&b);
 }
 
+TEST(DynBufAppend, PiecesOfEveryShortLengthLandWhole) {
+   const std::string text = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKL";
+   DynBuf b{};
+   ASSERT_TRUE(DynBuf_Enlarge(&b, 1000));
+   std::string want;
+   for (size_t n = 0; n <= 20; n++) {
+      ASSERT_TRUE(DynBuf_Append(&b, text.data() + n, n));
+      want.append(text, n, n);
+   }
+   EXPECT_EQ(Contents(b), want);
+   DynBuf_Destroy(&b);
+}
+
 TEST(DynBufFailure, RefusedOrWrappingGrowthLeavesTheBufferUnchanged) {
    for (const std::string initial : {"", "abc", "0123456789abcdef"}) {
       DynBuf b{}, dest;
