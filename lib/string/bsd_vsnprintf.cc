@@ -10,8 +10,8 @@
  * allocated for the caller's buffer form unless the format uses wide
  * strings, floating point or positions beyond 7.
  *
- * All state lives in the call. The one shared resource is the mutex around
- * ecvt/fcvt (see dtoa).
+ * All state lives in the call, including the digits of a floating-point
+ * conversion (see dtoa), so the engine shares nothing between threads.
  */
 #include "bsd_output.h"
 
@@ -23,7 +23,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
-#include <mutex>
 #include <strings.h>
 
 #include "convertutf.h"
@@ -851,16 +850,11 @@ void StoreCount(ArgSource &args, SizeClass size, int count) {
    }
 }
 
-// Owns a dtoa result or a converted wide string until the conversion ends.
+// Owns a converted wide string until the conversion ends.
 struct Scratch {
-   char *digits = nullptr;
    char *wide = nullptr;
    ~Scratch() { Release(); }
    void Release() {
-      if (digits != nullptr) {
-         freedtoa(digits);
-         digits = nullptr;
-      }
       if (wide != nullptr) {
          free(wide);
          wide = nullptr;
@@ -915,6 +909,7 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
    args.format = fmt0;
 
    Scratch scratch;
+   DtoaBuffer digitsBuf;
    const char *fmt = fmt0;
    bool failed = false;
 
@@ -1200,17 +1195,12 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
             int signFlag = 0;
             char *end = nullptr;
             if ((flags & kLongDouble) != 0) {
-               scratch.digits = ldtoa(args.Get<long double>(), expChar ? 2 : 3, ndigitsAsked,
-                                      &decpt, &signFlag, &end);
+               cp = ldtoa(args.Get<long double>(), expChar ? 2 : 3, ndigitsAsked, &decpt,
+                          &signFlag, &end, digitsBuf);
             } else {
-               scratch.digits = dtoa(args.Get<double>(), expChar ? 2 : 3, ndigitsAsked,
-                                     &decpt, &signFlag, &end);
+               cp = dtoa(args.Get<double>(), expChar ? 2 : 3, ndigitsAsked, &decpt, &signFlag,
+                         &end, digitsBuf);
             }
-            if (scratch.digits == nullptr) {
-               failed = true;
-               break;
-            }
-            cp = scratch.digits;
             bool negative = false;
             if (decpt == 9999 || IsInfOrNan(cp, negative)) {
                bool nan = strcasestr(cp, "nan") != nullptr || (decpt == 9999 && *cp == 'N');
@@ -1478,60 +1468,42 @@ size_t Utf8BoundaryLength(const char *text, size_t p) {
    return n <= 7 && ones == n ? p : i;
 }
 
-namespace {
-// ecvt and fcvt return static storage.
-std::mutex gCvtMutex;
-}  // namespace
-
-char *dtoa(double value, int mode, int ndigits, int *decpt, int *sign, char **rve) {
-   char *copy;
-   size_t length;
-   {
-      std::lock_guard<std::mutex> hold(gCvtMutex);
-      const char *text;
-      bool dropLast = false;
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-      if (mode == 2) {
-         text = ecvt(value, ndigits, decpt, sign);
-      } else if (ndigits > 0) {
-         text = fcvt(value, ndigits, decpt, sign);
-      } else {
-         // No digits after the point: round half away from zero here, as
-         // fcvt would round half to even; then drop fcvt's one fraction digit.
-         double rounded = std::trunc(value + std::copysign(0.49999999999999994, value));
-         text = fcvt(rounded, 1, decpt, sign);
-         dropLast = true;
-      }
-#pragma GCC diagnostic pop
-      length = strlen(text);
-      if (dropLast && length > 0 && text[length - 1] >= '0' && text[length - 1] <= '9') {
-         length--;
-      }
-      copy = static_cast<char *>(Malloc(length + 1));
-      if (copy != nullptr) {
-         memcpy(copy, text, length);
-         copy[length] = '\0';
-      }
+char *dtoa(double value, int mode, int ndigits, int *decpt, int *sign, char **rve,
+           DtoaBuffer &buf) {
+   char *text = buf.digits;
+   bool dropLast = false;
+   // The reentrant forms fill the caller's buffer with exactly the digits
+   // ecvt and fcvt would leave in their static one; the buffer is large
+   // enough that they never fail.
+   if (mode == 2) {
+      ecvt_r(value, ndigits, decpt, sign, text, sizeof buf.digits);
+   } else if (ndigits > 0) {
+      fcvt_r(value, ndigits, decpt, sign, text, sizeof buf.digits);
+   } else {
+      // No digits after the point: round half away from zero here, as
+      // fcvt would round half to even; then drop fcvt's one fraction digit.
+      double rounded = std::trunc(value + std::copysign(0.49999999999999994, value));
+      fcvt_r(rounded, 1, decpt, sign, text, sizeof buf.digits);
+      dropLast = true;
    }
-   if (copy == nullptr) {
-      return nullptr;
+   size_t length = strlen(text);
+   if (dropLast && length > 0 && text[length - 1] >= '0' && text[length - 1] <= '9') {
+      text[--length] = '\0';
    }
-   char *end = copy + length;
-   if (length > 0 && copy[0] >= '0' && copy[0] <= '9') {
-      while (end > copy + 1 && end[-1] == '0') {
+   char *end = text + length;
+   if (length > 0 && text[0] >= '0' && text[0] <= '9') {
+      while (end > text + 1 && end[-1] == '0') {
          end--;
       }
    }
    *rve = end;
-   return copy;
+   return text;
 }
 
-char *ldtoa(long double value, int mode, int ndigits, int *decpt, int *sign, char **rve) {
-   return dtoa(static_cast<double>(value), mode, ndigits, decpt, sign, rve);
+char *ldtoa(long double value, int mode, int ndigits, int *decpt, int *sign, char **rve,
+            DtoaBuffer &buf) {
+   return dtoa(static_cast<double>(value), mode, ndigits, decpt, sign, rve, buf);
 }
-
-void freedtoa(char *digits) { free(digits); }
 
 }  // namespace halcyx::bsdfmt
 

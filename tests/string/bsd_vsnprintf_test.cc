@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "child.h"
 #include "alloc_seam.h"
 #include "str.h"
+#include "string/bsd_vsnprintf_int.h"
 
 // Non-standard conversions and prefixes are the point of these tests.
 #pragma GCC diagnostic ignored "-Wpragmas"
@@ -218,11 +220,12 @@ TEST(EngineFailures, LengthLimitsAndAllocation) {
    EXPECT_EQ(Result(buf, sizeof buf, "%.2147483647f", 1.0), -1);
    EXPECT_EQ(Result(buf, sizeof buf, "%2147483646d", 1), 2147483646);
    EXPECT_STREQ(buf, "       ");
-   {  // a float's digit copy and a wide string's conversion allocate
+   {  // a wide string's conversion allocates; a float's digits do not
       halcyx::test::AllocationSeam fail;
       fail.FailAll();
-      EXPECT_EQ(Result(buf, sizeof buf, "%f", 1.5), -1);
       EXPECT_EQ(Result(buf, sizeof buf, "x%lsy", L"abc"), -1);
+      EXPECT_EQ(Result(buf, sizeof buf, "%.0f|%e|%.17f", 2.5, 1e300, -1e308), 344);
+      EXPECT_EQ(fail.Requests().size(), 1u);
    }
    std::string hundred(100, 'a');
    for (size_t failing : {1, 2}) {
@@ -232,6 +235,37 @@ TEST(EngineFailures, LengthLimitsAndAllocation) {
       EXPECT_EQ(Str_Asprintf(&length, "%s", hundred.c_str()), nullptr) << failing;
       EXPECT_EQ(length, 77u);
    }
+}
+
+// The digits come from the reentrant forms: they must be the very digits
+// ecvt and fcvt give, including fcvt's long integer parts.
+TEST(FloatDigits, SameAsEcvtAndFcvt) {
+   std::mt19937_64 gen(7);
+   std::vector<double> values = {0.0, -0.0, 0.5, 2.5, -2.5, 9.9999995, 1e22, 1e23, 1e300,
+                                 -1.7976931348623157e308, 4.9e-324, HUGE_VAL, -HUGE_VAL, NAN};
+   for (int i = 0; i < 1000; i++) {
+      uint64_t bits = gen();
+      double v;
+      memcpy(&v, &bits, sizeof v);
+      values.push_back(v);
+   }
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+   for (double v : values) {
+      for (int ndigits : {1, 6, 17, 30}) {
+         halcyx::bsdfmt::DtoaBuffer buf;
+         int decpt, sign, wantDecpt, wantSign;
+         char *end;
+         for (int mode : {2, 3}) {
+            const char *got = halcyx::bsdfmt::dtoa(v, mode, ndigits, &decpt, &sign, &end, buf);
+            std::string want = mode == 2 ? ecvt(v, ndigits, &wantDecpt, &wantSign)
+                                         : fcvt(v, ndigits, &wantDecpt, &wantSign);
+            ASSERT_TRUE(got == want && decpt == wantDecpt && sign == wantSign)
+               << v << " mode " << mode << " " << ndigits << ": " << got << " " << want;
+         }
+      }
+   }
+#pragma GCC diagnostic pop
 }
 
 // The first capacity is 64 (1 for empty output, 128 when the format alone
