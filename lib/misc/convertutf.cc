@@ -2,11 +2,11 @@
  * Conversions between UTF-32, UTF-16 and UTF-8.
  *
  * These keep the outcomes of the long-published Unicode, Inc. reference
- * converters rule for rule, quirks included (the header lists them), so
- * each direction has its own loop rather than one shared policy: the
- * directions really do treat surrogates and out-of-range values
- * differently. What the loops share is reading one UTF-16 or UTF-8
- * character and writing one UTF-8 character or UTF-16 pair.
+ * converters rule for rule, quirks included (the header lists them). The
+ * directions that read UTF-8 or UTF-16 share one loop over "read one
+ * character, write it whole"; the two that read UTF-32 keep their own
+ * loops, because they go on past a value above U+10FFFF and report it at
+ * the end, and UTF-32 to UTF-16 checks for room before it reads.
  */
 #include "convertutf.h"
 
@@ -138,12 +138,10 @@ ConversionResult ReadUtf16(const UTF16 *&source, const UTF16 *sourceEnd, Convers
 /*
  * Reads one UTF-8 character: sourceExhausted when the source ends before
  * the length its lead byte promises, sourceIllegal when the sequence is
- * ill-formed (both modes). On success source moves past the character and
- * length holds its byte count.
+ * ill-formed (both modes). On success source moves past the character.
  */
-ConversionResult ReadUtf8(const UTF8 *&source, const UTF8 *sourceEnd, UTF32 &c,
-                          unsigned &length) {
-   length = TrailingBytes(source[0]) + 1;
+ConversionResult ReadUtf8(const UTF8 *&source, const UTF8 *sourceEnd, UTF32 &c) {
+   unsigned length = TrailingBytes(source[0]) + 1;
    if (sourceEnd - source < static_cast<ptrdiff_t>(length)) {
       return sourceExhausted;
    }
@@ -153,6 +151,56 @@ ConversionResult ReadUtf8(const UTF8 *&source, const UTF8 *sourceEnd, UTF32 &c,
    c = DecodeUtf8(source, length);
    source += length;
    return conversionOK;
+}
+
+// Writes a scalar value as one UTF-16 unit or a pair, if it fits.
+bool WriteUtf16(UTF32 c, UTF16 *&target, const UTF16 *targetEnd) {
+   if (targetEnd - target < (c > kMaxBmp ? 2 : 1)) {
+      return false;
+   }
+   if (c > kMaxBmp) {
+      EncodePair(c, target);
+   } else {
+      *target++ = static_cast<UTF16>(c);
+   }
+   return true;
+}
+
+bool WriteUtf32(UTF32 c, UTF32 *&target, const UTF32 *targetEnd) {
+   if (target >= targetEnd) {
+      return false;
+   }
+   *target++ = c;
+   return true;
+}
+
+/*
+ * The loop of the directions that read UTF-8 or UTF-16: read one character
+ * (read stops the call with any result other than conversionOK), then write
+ * it whole or stop before it with targetExhausted.
+ */
+template <typename S, typename T, typename Read, typename Write>
+ConversionResult Convert(const S **sourceStart, const S *sourceEnd, T **targetStart,
+                         T *targetEnd, Read read, Write write) {
+   ConversionResult result = conversionOK;
+   const S *source = *sourceStart;
+   T *target = *targetStart;
+   while (source < sourceEnd) {
+      const S *start = source;
+      UTF32 c;
+      result = read(source, sourceEnd, c);
+      if (result != conversionOK) {
+         break;
+      }
+      if (!write(c, target, targetEnd)) {
+         source = start;
+         result = targetExhausted;
+         break;
+      }
+   }
+   *sourceStart = source;
+   *targetStart = target;
+   return result;
 }
 
 }  // namespace
@@ -204,50 +252,19 @@ ConversionResult ConvertUTF32toUTF16(const UTF32 **sourceStart, const UTF32 *sou
 ConversionResult ConvertUTF16toUTF32(const UTF16 **sourceStart, const UTF16 *sourceEnd,
                                      UTF32 **targetStart, UTF32 *targetEnd,
                                      ConversionFlags flags) {
-   ConversionResult result = conversionOK;
-   const UTF16 *source = *sourceStart;
-   UTF32 *target = *targetStart;
-   while (source < sourceEnd) {
-      const UTF16 *start = source;
-      UTF32 c;
-      result = ReadUtf16(source, sourceEnd, flags, c);
-      if (result != conversionOK) {
-         break;
-      }
-      if (target >= targetEnd) {
-         source = start;
-         result = targetExhausted;
-         break;
-      }
-      *target++ = c;
-   }
-   *sourceStart = source;
-   *targetStart = target;
-   return result;
+   auto read = [flags](const UTF16 *&s, const UTF16 *end, UTF32 &c) {
+      return ReadUtf16(s, end, flags, c);
+   };
+   return Convert(sourceStart, sourceEnd, targetStart, targetEnd, read, WriteUtf32);
 }
 
 ConversionResult ConvertUTF16toUTF8(const UTF16 **sourceStart, const UTF16 *sourceEnd,
                                     UTF8 **targetStart, UTF8 *targetEnd,
                                     ConversionFlags flags) {
-   ConversionResult result = conversionOK;
-   const UTF16 *source = *sourceStart;
-   UTF8 *target = *targetStart;
-   while (source < sourceEnd) {
-      const UTF16 *start = source;
-      UTF32 c;
-      result = ReadUtf16(source, sourceEnd, flags, c);
-      if (result != conversionOK) {
-         break;
-      }
-      if (!EncodeUtf8(c, target, targetEnd)) {
-         source = start;
-         result = targetExhausted;
-         break;
-      }
-   }
-   *sourceStart = source;
-   *targetStart = target;
-   return result;
+   auto read = [flags](const UTF16 *&s, const UTF16 *end, UTF32 &c) {
+      return ReadUtf16(s, end, flags, c);
+   };
+   return Convert(sourceStart, sourceEnd, targetStart, targetEnd, read, EncodeUtf8);
 }
 
 ConversionResult ConvertUTF32toUTF8(const UTF32 **sourceStart, const UTF32 *sourceEnd,
@@ -277,63 +294,17 @@ ConversionResult ConvertUTF32toUTF8(const UTF32 **sourceStart, const UTF32 *sour
    return result;
 }
 
-/*
- * After a well-formed UTF-8 read both UTF-8 readers produce scalar values
- * only, so the surrogate and range branches of the other directions have
- * nothing to do here.
- */
+// Well-formed UTF-8 holds scalar values only, so the mode changes nothing.
 ConversionResult ConvertUTF8toUTF16(const UTF8 **sourceStart, const UTF8 *sourceEnd,
                                     UTF16 **targetStart, UTF16 *targetEnd,
                                     ConversionFlags /* flags */) {
-   ConversionResult result = conversionOK;
-   const UTF8 *source = *sourceStart;
-   UTF16 *target = *targetStart;
-   while (source < sourceEnd) {
-      UTF32 c;
-      unsigned length;
-      result = ReadUtf8(source, sourceEnd, c, length);
-      if (result != conversionOK) {
-         break;
-      }
-      if (targetEnd - target < (c > kMaxBmp ? 2 : 1)) {
-         source -= length;
-         result = targetExhausted;
-         break;
-      }
-      if (c > kMaxBmp) {
-         EncodePair(c, target);
-      } else {
-         *target++ = static_cast<UTF16>(c);
-      }
-   }
-   *sourceStart = source;
-   *targetStart = target;
-   return result;
+   return Convert(sourceStart, sourceEnd, targetStart, targetEnd, ReadUtf8, WriteUtf16);
 }
 
 ConversionResult ConvertUTF8toUTF32(const UTF8 **sourceStart, const UTF8 *sourceEnd,
                                     UTF32 **targetStart, UTF32 *targetEnd,
                                     ConversionFlags /* flags */) {
-   ConversionResult result = conversionOK;
-   const UTF8 *source = *sourceStart;
-   UTF32 *target = *targetStart;
-   while (source < sourceEnd) {
-      UTF32 c;
-      unsigned length;
-      result = ReadUtf8(source, sourceEnd, c, length);
-      if (result != conversionOK) {
-         break;
-      }
-      if (target >= targetEnd) {
-         source -= length;
-         result = targetExhausted;
-         break;
-      }
-      *target++ = c;
-   }
-   *sourceStart = source;
-   *targetStart = target;
-   return result;
+   return Convert(sourceStart, sourceEnd, targetStart, targetEnd, ReadUtf8, WriteUtf32);
 }
 
 bool isLegalUTF8Sequence(const UTF8 *source, const UTF8 *sourceEnd) {
