@@ -23,18 +23,13 @@ namespace mx = halcyx::mxuser;
 
 namespace {
 
-// The library prints "%p" as upper-case hexadecimal without a prefix.
-std::string Ptr(const void *p) {
-   char text[32];
-   snprintf(text, sizeof text, "%llX", static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(p)));
+// Upper-case hexadecimal without a prefix, as the library prints "%p".
+std::string Hex(uint64_t v) {
+   char text[20];
+   snprintf(text, sizeof text, "%llX", static_cast<unsigned long long>(v));
    return text;
 }
-
-std::string Hex(uint32_t v) {
-   char text[16];
-   snprintf(text, sizeof text, "0x%X", v);
-   return text;
-}
+std::string Ptr(const void *p) { return Hex(reinterpret_cast<uintptr_t>(p)); }
 
 /*
  * A signature's low 28 bits are the time in seconds when the process made
@@ -63,7 +58,7 @@ Lines Dump(L *lock, const char *name, const char *rank, const char *serial, int 
    Lines lines = {
       std::string(excl ? "MXUserDumpExclLock: Exclusive" : "MXUserDumpRecLock: Recursive") +
          " lock @ " + Ptr(lock) + "\n",
-      "\tsignature " + Hex((excl ? kExclusive : kRecursive) | kSignatureBase) + "\n",
+      "\tsignature 0x" + Hex((excl ? kExclusive : kRecursive) | kSignatureBase) + "\n",
       std::string("\tname ") + name + "\n", std::string("\trank ") + rank + "\n",
       std::string("\tserial number ") + serial + "\n"};
    if (!excl) lines.push_back("\treference count " + std::to_string(refs) + "\n");
@@ -108,7 +103,7 @@ const std::map<std::string, void (*)()> kFatalCases = {
        mx::Header *h = &lock->header;
        h->signature ^= 0x10000000u;  // now neither kind's signature
        Expect({"MXUserDumpAndPanic: Corrupt lock @ " + Ptr(h) + "\n", "\tname " + Ptr(h->name) + "\n",
-               "\tsignature " + Hex(0x50000000u | kSignatureBase) + "\n", "\trank 0x42\n",
+               "\tsignature 0x" + Hex(0x50000000u | kSignatureBase) + "\n", "\trank 0x42\n",
                "\tdumpFunc " + Ptr(reinterpret_cast<void *>(mx::MXUserDumpExclLock)) + "\n",
                "\tstatsFunc 0\n", "\titem.next " + Ptr(h->item.next) + "\n",
                "\titem.prev " + Ptr(h->item.prev) + "\n", "\tserial number 12\n"},
