@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <climits>
 #include <clocale>
+#include <cfenv>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -1468,6 +1469,77 @@ size_t Utf8BoundaryLength(const char *text, size_t p) {
    return n <= 7 && ones == n ? p : i;
 }
 
+namespace {
+
+/*
+ * fcvt's result for ndigits >= 1, computed exactly where that is cheap: a
+ * finite value below 2^53 in magnitude, in the default rounding mode.
+ * Otherwise false, and fcvt_r does the work.
+ *
+ * fcvt prints |value| with min(ndigits, 17) digits after the point, rounded
+ * half to even on the exact binary value, and returns those digits without
+ * the point and without leading zeros (a zero value keeps "0" and its
+ * zeros). With |value| = m / 2^k (m below 2^53), that is the integer
+ * q = round(m * 10^nd / 2^k), which fits in 128 bits.
+ */
+bool FixedDigitsExact(double value, int ndigits, int *decpt, int *sign, char *text) {
+   if (!std::isfinite(value) || std::fabs(value) >= 0x1p53 || fegetround() != FE_TONEAREST) {
+      return false;
+   }
+   static constexpr uint64_t kPow10[18] = {
+      1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000, 1000000000,
+      10000000000, 100000000000, 1000000000000, 10000000000000, 100000000000000,
+      1000000000000000, 10000000000000000, 100000000000000000};
+   const int nd = ndigits < 17 ? ndigits : 17;
+   int exponent;
+   double fraction = std::frexp(std::fabs(value), &exponent);
+   auto m = static_cast<uint64_t>(std::ldexp(fraction, 53));
+   const int k = 53 - exponent;  // at least 0
+   unsigned __int128 scaled = static_cast<unsigned __int128>(m) * kPow10[nd];  // below 2^110
+   unsigned __int128 q = 0;
+   if (k == 0) {
+      q = scaled;
+   } else if (k < 112) {  // from 112 on, scaled / 2^k is below a quarter
+      q = scaled >> k;
+      unsigned __int128 rest = scaled - (q << k), half = static_cast<unsigned __int128>(1) << (k - 1);
+      if (rest > half || (rest == half && (q & 1) != 0)) {
+         q++;
+      }
+   }
+   char digits[40];
+   char *end = digits + sizeof digits, *p = end;
+   auto put = [&p](uint64_t v, int width) {  // at least width digits
+      for (int i = 0; i < width || v != 0; i++) {
+         *--p = static_cast<char>('0' + v % 10);
+         v /= 10;
+      }
+   };
+   constexpr uint64_t kTen19 = 10000000000000000000u;
+   if ((q >> 64) != 0) {
+      put(static_cast<uint64_t>(q % kTen19), 19);
+      put(static_cast<uint64_t>(q / kTen19), 1);
+   } else {
+      put(static_cast<uint64_t>(q), 1);
+   }
+   auto length = static_cast<int>(end - p);
+   *sign = std::signbit(value) ? 1 : 0;
+   if (value == 0) {
+      memset(text, '0', static_cast<size_t>(nd) + 1);
+      text[nd + 1] = '\0';
+      *decpt = 1;
+   } else if (q == 0) {
+      text[0] = '\0';
+      *decpt = -nd;
+   } else {
+      memcpy(text, p, static_cast<size_t>(length));
+      text[length] = '\0';
+      *decpt = length - nd;
+   }
+   return true;
+}
+
+}  // namespace
+
 char *dtoa(double value, int mode, int ndigits, int *decpt, int *sign, char **rve,
            DtoaBuffer &buf) {
    char *text = buf.digits;
@@ -1477,14 +1549,17 @@ char *dtoa(double value, int mode, int ndigits, int *decpt, int *sign, char **rv
    // enough that they never fail.
    if (mode == 2) {
       ecvt_r(value, ndigits, decpt, sign, text, sizeof buf.digits);
-   } else if (ndigits > 0) {
-      fcvt_r(value, ndigits, decpt, sign, text, sizeof buf.digits);
    } else {
-      // No digits after the point: round half away from zero here, as
-      // fcvt would round half to even; then drop fcvt's one fraction digit.
-      double rounded = std::trunc(value + std::copysign(0.49999999999999994, value));
-      fcvt_r(rounded, 1, decpt, sign, text, sizeof buf.digits);
-      dropLast = true;
+      if (ndigits <= 0) {
+         // No digits after the point: round half away from zero here, as
+         // fcvt would round half to even; then drop fcvt's one fraction digit.
+         value = std::trunc(value + std::copysign(0.49999999999999994, value));
+         ndigits = 1;
+         dropLast = true;
+      }
+      if (!FixedDigitsExact(value, ndigits, decpt, sign, text)) {
+         fcvt_r(value, ndigits, decpt, sign, text, sizeof buf.digits);
+      }
    }
    size_t length = strlen(text);
    if (dropLast && length > 0 && text[length - 1] >= '0' && text[length - 1] <= '9') {

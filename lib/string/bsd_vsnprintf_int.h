@@ -35,8 +35,10 @@ struct DtoaBuffer {
  * of the decimal point relative to the first digit, *sign whether the value
  * is negative, and *rve the end of the significant digits: trailing zeros
  * are not part of them, except that a zero value keeps one "0". Infinity
- * and NaN come back as the C library's text ("inf", "-nan", ...). Uses the
- * reentrant ecvt_r/fcvt_r, so calls need no lock.
+ * and NaN come back as the C library's text ("inf", "-nan", ...). Mode 3
+ * computes fcvt's digits itself when that is exact and cheap (a value below
+ * 2^53 in magnitude), and everything else goes through the reentrant
+ * ecvt_r/fcvt_r, so calls need no lock.
  */
 char *dtoa(double value, int mode, int ndigits, int *decpt, int *sign, char **rve,
            DtoaBuffer &buf);

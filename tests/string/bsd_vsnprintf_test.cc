@@ -236,8 +236,9 @@ TEST(EngineFailures, LengthLimitsAndAllocation) {
    }
 }
 
-// The digits come from the reentrant forms: they must be the very digits
-// ecvt and fcvt give, including fcvt's long integer parts.
+// The digits must be the very digits ecvt and fcvt give, whether computed
+// exactly or taken from the reentrant forms, including fcvt's long integer
+// parts and halfway cases.
 TEST(FloatDigits, SameAsEcvtAndFcvt) {
    std::mt19937_64 gen(7);
    std::vector<double> values = {0.0, -0.0, 0.5, 2.5, -2.5, 9.9999995, 1e22, 1e23, 1e300,
@@ -247,11 +248,15 @@ TEST(FloatDigits, SameAsEcvtAndFcvt) {
       double v;
       memcpy(&v, &bits, sizeof v);
       values.push_back(v);
+      // Ordinary magnitudes, and binary fractions that fall exactly halfway.
+      double mantissa = static_cast<double>(gen() >> 11);
+      values.push_back(std::ldexp(i % 2 ? mantissa : -mantissa, static_cast<int>(gen() % 140) - 110));
+      values.push_back(static_cast<double>(gen() % 100000) / (1 << (gen() % 20)));
    }
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
    for (double v : values) {
-      for (int ndigits : {1, 6, 17, 30}) {
+      for (int ndigits : {1, 2, 6, 17, 30}) {
          halcyx::bsdfmt::DtoaBuffer buf;
          int decpt, sign, wantDecpt, wantSign;
          char *end;
