@@ -95,20 +95,14 @@ TEST(EngineDiffersByDesign, ConversionsAndPrefixes) {
 }
 
 TEST(EngineDiffersByDesign, FloatingPoint) {
-   const double inf = HUGE_VAL;
    ExpectRows({
       // "%.0f" rounds halfway cases away from zero.
       {Fmt("%.0f %.0f %.0f %.0f %.0f", 0.5, 1.5, 2.5, 3.5, -2.5), "1 2 3 4 -3"},
       {Fmt("%.0f|%.0f", 0.49999999999999994, -0.3), "0|-0"},
       {Fmt("%#.0f|%5.0f", 2.5, 1e20), "3.|100000000000000000000"},
-      // Infinity and NaN follow the conversion's case; "0" pads with blanks.
-      {Fmt("%f|%F|%e|%G|%E", inf, inf, inf, inf, -inf), "inf|INF|inf|INF|-INF"},
-      {Fmt("%g|%F", std::nan(""), std::nan("")), "nan|NAN"},
-      {Fmt("%+f|% e|[%08f][%-6F]|%Lf", inf, inf, -inf, inf, static_cast<long double>(inf)),
-       "+inf| inf|[    -inf][INF   ]|inf"},
-      // Exponents have a sign and at least two digits.
-      {Fmt("%E|%.0e|%#.0e", 2e-123, 2e-123, 2e-123), "2.000000E-123|2e-123|2.e-123"},
-      {Fmt("%.2e|%g|%G|%g", 0.0, 1e-5, 1e100, 123456789.0), "0.00e+00|1e-05|1E+100|1.23457e+08"},
+      // A long double is narrowed (infinity, NaN and exponents agree with
+      // the C library and are compared there).
+      {Fmt("%Lf|%Le", static_cast<long double>(HUGE_VAL), 1.5e-300L), "inf|1.500000e-300"},
       // The decimal point string comes from the call.
       {Core(nullptr, '.', ",", "%.2f|%e|%#.0f", 3.14159, 1.5, 2.0), "3,14|1,500000e+00|2,"},
       {Core(nullptr, '.', "<>", "%.1f|%g", 3.25, 0.5), "3<>2|0<>5"},
