@@ -177,7 +177,7 @@ void ExpectNamedAfterCallSite(char prefix) {
    L *lock = Unnamed<L, create>();
    auto helper = reinterpret_cast<uintptr_t>(&Unnamed<L, create>);
    uintptr_t addr = strtoull(lock->header.name + 2, nullptr, 16);
-   EXPECT_EQ(std::string(1, prefix) + "-" + Ptr(reinterpret_cast<void *>(addr)), lock->header.name);
+   EXPECT_EQ(std::string(1, prefix) + "-" + Hex(addr), lock->header.name);
    EXPECT_TRUE(addr > helper && addr < helper + 4096) << lock->header.name;
    destroy(lock);
 }
