@@ -4,9 +4,18 @@
 #
 # Usage: scripts/bench-ratios.sh [BINARY] [BENCHMARK FLAGS...]
 #   BINARY defaults to build/bench/str_benchmark; any further arguments go to
-#   the binary (e.g. --benchmark_filter=Snprintf). REPETITIONS (default 5)
+#   the binary (e.g. --benchmark_filter=Snprintf). REPETITIONS (default 10)
 #   sets the number of repetitions whose median is reported; OURS (default
-#   "halcyx") names our side of each pair.
+#   "halcyx") names our side of each pair; TIME (default "cpu", or "real")
+#   picks the clock.
+#
+# Measuring on a shared machine: wall-clock time counts whatever else ran
+# while the benchmark was preempted, and running all repetitions of one side
+# before the other lets a change in load land on one side only. So the
+# repetitions of both sides are interleaved in random order, and the
+# process's CPU time is compared by default. Each row also shows the spread
+# (minimum to maximum) of our side's repetitions divided by the baseline's
+# median; run the script more than once and report the range of ratios.
 #
 # Naming convention: every measurement is a pair of benchmarks whose names
 # differ only in one "/"-separated component, the implementation:
@@ -23,7 +32,8 @@ set -euo pipefail
 
 binary=${1:-build/bench/str_benchmark}
 shift || true
-repetitions=${REPETITIONS:-5}
+repetitions=${REPETITIONS:-10}
+clock=${TIME:-cpu}
 ours=${OURS:-halcyx}
 
 if [[ ! -x "$binary" ]]; then
@@ -35,24 +45,27 @@ json=$(mktemp)
 trap 'rm -f "$json"' EXIT
 "$binary" --benchmark_format=json \
           --benchmark_repetitions="$repetitions" \
-          --benchmark_report_aggregates_only=true \
+          --benchmark_enable_random_interleaving=true \
           "$@" >"$json"
 
-python3 - "$json" "$ours" <<'PY'
+python3 - "$json" "$ours" "$clock" <<'PY'
 import json
+import statistics
 import sys
 
-path, ours = sys.argv[1], sys.argv[2]
+path, ours, clock = sys.argv[1], sys.argv[2], sys.argv[3]
 with open(path) as f:
     report = json.load(f)
 
-# run_name -> (median real time, time unit)
-medians = {}
+# run_name -> every repetition's time, and the time unit
+runs, units = {}, {}
 for b in report["benchmarks"]:
-    if b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median":
+    if b.get("run_type") == "aggregate":
         continue
     name = b.get("run_name", b["name"])
-    medians[name] = (b["real_time"], b.get("time_unit", "ns"))
+    runs.setdefault(name, []).append(b[clock + "_time"])
+    units[name] = b.get("time_unit", "ns")
+medians = {name: (statistics.median(times), units[name]) for name, times in runs.items()}
 
 rows, paired = [], set()
 for name, (our_time, unit) in medians.items():
@@ -79,11 +92,19 @@ if not rows:
 rows.sort()
 width = max(len(r[0]) for r in rows)
 bwidth = max(len("baseline"), max(len(r[1]) for r in rows))
-print(f"{'pair':<{width}}  {'baseline':<{bwidth}}  {'baseline':>12}  {ours:>12}  {'ratio':>6}")
+print(f"{clock} time, median of {len(next(iter(runs.values())))} interleaved repetitions")
+print(f"{'pair':<{width}}  {'baseline':<{bwidth}}  {'baseline':>12}  {ours:>12}  {'ratio':>6}"
+      f"  {'spread':>13}")
 for group, base, base_time, our_time, unit in rows:
-    ratio = our_time / base_time if base_time > 0 else float("inf")
+    ours_name = group.replace("*", ours)
+    if base_time > 0:
+        ratio = f"{our_time / base_time:>5.2f}x"
+        spread = (f"{min(runs[ours_name]) / base_time:.2f}-"
+                  f"{max(runs[ours_name]) / base_time:.2f}x")
+    else:
+        ratio, spread = "  inf", ""
     print(f"{group:<{width}}  {base:<{bwidth}}  {base_time:>9.1f} {unit:<2}"
-          f"  {our_time:>9.1f} {unit:<2}  {ratio:>5.2f}x")
+          f"  {our_time:>9.1f} {unit:<2}  {ratio}  {spread:>13}")
 unpaired = sorted(set(medians) - paired)
 if unpaired:
     print("unpaired: " + ", ".join(unpaired))

@@ -1,40 +1,28 @@
 /*
  * Conversions between UTF-32, UTF-16 and UTF-8.
  *
- * Every converter is one loop over (decode one character, encode it), so
- * the rules below hold the same way for all six directions:
- *   - A character is either written whole or not at all: when the target
- *     lacks room for all of its units the loop stops with targetExhausted
- *     and neither pointer moves past it.
- *   - A proper prefix of a well-formed character at the very end of the
- *     source (a high surrogate, or a UTF-8 lead byte with only some of its
- *     continuation bytes) stops with sourceExhausted before that prefix, so
- *     the caller can supply the rest and resume.
- *   - Anything else that is not a Unicode scalar value is ill-formed: a
- *     surrogate code unit without its partner, a UTF-32 value that is a
- *     surrogate or above U+10FFFF, or a UTF-8 sequence that is overlong,
- *     encodes a surrogate, exceeds U+10FFFF or breaks off before a byte that
- *     cannot continue it. Strict mode stops there with sourceIllegal and the
- *     source pointer at the first unit of the ill-formed part. Lenient mode
- *     writes U+FFFD in its place and goes on, so it never reports
- *     sourceIllegal; ill-formed UTF-8 is replaced one maximal subpart at a
- *     time (the longest prefix of a well-formed sequence, at least one byte),
- *     which is the practice Unicode recommends for U+FFFD substitution.
+ * These keep the outcomes of the long-published Unicode, Inc. reference
+ * converters rule for rule, quirks included (the header lists them). The
+ * directions that read UTF-8 or UTF-16 share one loop over "read one
+ * character, write it whole"; the two that read UTF-32 keep their own
+ * loops, because they go on past a value above U+10FFFF and report it at
+ * the end, and UTF-32 to UTF-16 checks for room before it reads.
  */
 #include "convertutf.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 
 namespace {
 
 constexpr UTF32 kReplacementChar = 0xFFFD;
-constexpr UTF32 kMaxScalar = 0x10FFFF;
+constexpr UTF32 kMaxBmp = 0xFFFF;
+constexpr UTF32 kMaxLegal = 0x10FFFF;
 constexpr UTF32 kHighSurrogateFirst = 0xD800;
 constexpr UTF32 kHighSurrogateLast = 0xDBFF;
 constexpr UTF32 kLowSurrogateFirst = 0xDC00;
 constexpr UTF32 kLowSurrogateLast = 0xDFFF;
+constexpr UTF32 kHalfBase = 0x10000;
 
 constexpr bool IsHighSurrogate(UTF32 c) {
    return c >= kHighSurrogateFirst && c <= kHighSurrogateLast;
@@ -48,186 +36,167 @@ constexpr bool IsSurrogate(UTF32 c) {
    return c >= kHighSurrogateFirst && c <= kLowSurrogateLast;
 }
 
-// What decoding one character from the source found.
-enum class Decoded {
-   kScalar,     // a scalar value, `units` long
-   kTruncated,  // a proper prefix of a character, cut by the end of the source
-   kIllFormed,  // `units` units that form no character (always at least 1)
-};
-
-struct Decoding {
-   Decoded kind;
-   UTF32 scalar;
-   size_t units;
-};
+// Bytes that follow a lead byte, by its high bits alone (00..BF: none,
+// C0..DF: 1, E0..EF: 2, F0..F7: 3, F8..FB: 4, FC..FF: 5).
+constexpr unsigned TrailingBytes(UTF8 lead) {
+   return lead < 0xC0 ? 0 : lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : lead < 0xF8 ? 3 : lead < 0xFC ? 4 : 5;
+}
 
 /*
- * Well-formed UTF-8, by lead byte: the sequence length and the range the
- * second byte must fall in. Every later byte is 80..BF. The narrowed second
- * byte ranges exclude overlong forms (E0, F0), surrogates (ED) and values
- * above U+10FFFF (F4). Lead bytes not listed (80..C1, F5..FF) begin nothing.
+ * True when the length bytes at s form a well-formed sequence. Lengths
+ * above 4 never do. The second byte's range is narrowed after E0 (overlong),
+ * ED (surrogates), F0 (overlong) and F4 (above U+10FFFF); lone continuation
+ * bytes, C0, C1 and leads above F4 are refused.
  */
-struct Utf8LeadRule {
-   UTF8 leadFirst;
-   UTF8 leadLast;
-   uint8_t length;
-   UTF8 secondFirst;
-   UTF8 secondLast;
-};
-
-constexpr Utf8LeadRule kUtf8LeadRules[] = {
-   {0x00, 0x7F, 1, 0x00, 0x00},
-   {0xC2, 0xDF, 2, 0x80, 0xBF},
-   {0xE0, 0xE0, 3, 0xA0, 0xBF},
-   {0xE1, 0xEC, 3, 0x80, 0xBF},
-   {0xED, 0xED, 3, 0x80, 0x9F},
-   {0xEE, 0xEF, 3, 0x80, 0xBF},
-   {0xF0, 0xF0, 4, 0x90, 0xBF},
-   {0xF1, 0xF3, 4, 0x80, 0xBF},
-   {0xF4, 0xF4, 4, 0x80, 0x8F},
-};
-
-struct Utf8Lead {
-   uint8_t length;  // 0: the byte cannot begin a sequence
-   UTF8 secondFirst;
-   UTF8 secondLast;
-};
-
-constexpr std::array<Utf8Lead, 256> kUtf8Leads = [] {
-   std::array<Utf8Lead, 256> leads{};
-   for (const auto &rule : kUtf8LeadRules) {
-      for (unsigned b = rule.leadFirst; b <= rule.leadLast; b++) {
-         leads[b] = {rule.length, rule.secondFirst, rule.secondLast};
+bool IsLegalUtf8(const UTF8 *s, unsigned length) {
+   if (length > 4) {
+      return false;
+   }
+   for (unsigned i = 2; i < length; i++) {
+      if (s[i] < 0x80 || s[i] > 0xBF) {
+         return false;
       }
    }
-   return leads;
-}();
-
-// Payload bits of the lead byte, and its marker bits, by sequence length.
-constexpr UTF8 kUtf8LeadPayload[5] = {0x00, 0x7F, 0x1F, 0x0F, 0x07};
-constexpr UTF8 kUtf8LeadMarker[5] = {0x00, 0x00, 0xC0, 0xE0, 0xF0};
-constexpr UTF8 kContinuationFirst = 0x80;
-constexpr UTF8 kContinuationLast = 0xBF;
-
-struct Utf8 {
-   using Unit = UTF8;
-
-   static Decoding Decode(const UTF8 *s, const UTF8 *end) {
-      const Utf8Lead &lead = kUtf8Leads[s[0]];
-      if (lead.length == 0) {
-         return {Decoded::kIllFormed, 0, 1};
+   if (length >= 2) {
+      UTF8 second = s[1];
+      UTF8 low = s[0] == 0xE0 ? 0xA0 : s[0] == 0xF0 ? 0x90 : 0x80;
+      UTF8 high = s[0] == 0xED ? 0x9F : s[0] == 0xF4 ? 0x8F : 0xBF;
+      if (second < low || second > high) {
+         return false;
       }
-      UTF32 c = s[0] & kUtf8LeadPayload[lead.length];
-      for (size_t i = 1; i < lead.length; i++) {
-         if (s + i == end) {
-            return {Decoded::kTruncated, 0, i};
-         }
-         UTF8 first = i == 1 ? lead.secondFirst : kContinuationFirst;
-         UTF8 last = i == 1 ? lead.secondLast : kContinuationLast;
-         if (s[i] < first || s[i] > last) {
-            // s[0..i) is the maximal subpart; s[i] may begin the next one.
-            return {Decoded::kIllFormed, 0, i};
-         }
-         c = (c << 6) | (s[i] & 0x3F);
-      }
-      return {Decoded::kScalar, c, lead.length};
    }
+   return !(s[0] >= 0x80 && s[0] < 0xC2) && s[0] <= 0xF4;
+}
 
-   static size_t Length(UTF32 c) {
-      return c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
+// The value of a well-formed sequence of the given length.
+UTF32 DecodeUtf8(const UTF8 *s, unsigned length) {
+   static constexpr UTF8 kLeadPayload[5] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+   UTF32 c = s[0] & kLeadPayload[length];
+   for (unsigned i = 1; i < length; i++) {
+      c = (c << 6) | (s[i] & 0x3F);
    }
+   return c;
+}
 
-   static void Encode(UTF32 c, size_t length, UTF8 *t) {
-      for (size_t i = length - 1; i > 0; i--) {
-         t[i] = static_cast<UTF8>(0x80 | (c & 0x3F));
-         c >>= 6;
-      }
-      t[0] = static_cast<UTF8>(kUtf8LeadMarker[length] | c);
+/*
+ * Writes c (at most U+10FFFF, surrogates included) as UTF-8 when it fits
+ * before targetEnd; a larger value is written as U+FFFD. False, with
+ * nothing written, when it does not fit.
+ */
+bool EncodeUtf8(UTF32 c, UTF8 *&target, const UTF8 *targetEnd) {
+   static constexpr UTF8 kLeadMarker[5] = {0, 0x00, 0xC0, 0xE0, 0xF0};
+   if (c > kMaxLegal) {
+      c = kReplacementChar;
    }
-};
-
-struct Utf16 {
-   using Unit = UTF16;
-
-   static Decoding Decode(const UTF16 *s, const UTF16 *end) {
-      UTF32 u = s[0];
-      if (IsHighSurrogate(u)) {
-         if (s + 1 == end) {
-            return {Decoded::kTruncated, 0, 1};
-         }
-         UTF32 low = s[1];
-         if (!IsLowSurrogate(low)) {
-            return {Decoded::kIllFormed, 0, 1};
-         }
-         UTF32 c = 0x10000 + ((u - kHighSurrogateFirst) << 10) +
-                   (low - kLowSurrogateFirst);
-         return {Decoded::kScalar, c, 2};
-      }
-      if (IsLowSurrogate(u)) {
-         return {Decoded::kIllFormed, 0, 1};
-      }
-      return {Decoded::kScalar, u, 1};
+   unsigned length = c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
+   if (targetEnd - target < static_cast<ptrdiff_t>(length)) {
+      return false;
    }
-
-   static size_t Length(UTF32 c) { return c < 0x10000 ? 1 : 2; }
-
-   static void Encode(UTF32 c, size_t length, UTF16 *t) {
-      if (length == 1) {
-         t[0] = static_cast<UTF16>(c);
-         return;
-      }
-      c -= 0x10000;
-      t[0] = static_cast<UTF16>(kHighSurrogateFirst + (c >> 10));
-      t[1] = static_cast<UTF16>(kLowSurrogateFirst + (c & 0x3FF));
+   for (unsigned i = length - 1; i > 0; i--) {
+      target[i] = static_cast<UTF8>(0x80 | (c & 0x3F));
+      c >>= 6;
    }
-};
+   target[0] = static_cast<UTF8>(kLeadMarker[length] | c);
+   target += length;
+   return true;
+}
 
-struct Utf32 {
-   using Unit = UTF32;
+// Writes a supplementary-plane value as a surrogate pair.
+void EncodePair(UTF32 c, UTF16 *&target) {
+   c -= kHalfBase;
+   *target++ = static_cast<UTF16>(kHighSurrogateFirst + (c >> 10));
+   *target++ = static_cast<UTF16>(kLowSurrogateFirst + (c & 0x3FF));
+}
 
-   static Decoding Decode(const UTF32 *s, const UTF32 * /* end */) {
-      UTF32 c = s[0];
-      if (c > kMaxScalar || IsSurrogate(c)) {
-         return {Decoded::kIllFormed, 0, 1};
+/*
+ * Reads one UTF-16 character. A high surrogate followed by a low one gives
+ * the pair's value; an unpaired surrogate is sourceIllegal in strict mode
+ * and its own value in lenient mode; a high surrogate as the last unit is
+ * sourceExhausted. On success source moves past the character.
+ */
+ConversionResult ReadUtf16(const UTF16 *&source, const UTF16 *sourceEnd, ConversionFlags flags,
+                           UTF32 &c) {
+   c = source[0];
+   size_t units = 1;
+   if (IsHighSurrogate(c)) {
+      if (sourceEnd - source < 2) {
+         return sourceExhausted;
       }
-      return {Decoded::kScalar, c, 1};
+      if (IsLowSurrogate(source[1])) {
+         c = ((c - kHighSurrogateFirst) << 10) + (source[1] - kLowSurrogateFirst) + kHalfBase;
+         units = 2;
+      } else if (flags == strictConversion) {
+         return sourceIllegal;
+      }
+   } else if (IsLowSurrogate(c) && flags == strictConversion) {
+      return sourceIllegal;
    }
+   source += units;
+   return conversionOK;
+}
 
-   static size_t Length(UTF32 /* c */) { return 1; }
+/*
+ * Reads one UTF-8 character: sourceExhausted when the source ends before
+ * the length its lead byte promises, sourceIllegal when the sequence is
+ * ill-formed (both modes). On success source moves past the character.
+ */
+ConversionResult ReadUtf8(const UTF8 *&source, const UTF8 *sourceEnd, UTF32 &c) {
+   unsigned length = TrailingBytes(source[0]) + 1;
+   if (sourceEnd - source < static_cast<ptrdiff_t>(length)) {
+      return sourceExhausted;
+   }
+   if (!IsLegalUtf8(source, length)) {
+      return sourceIllegal;
+   }
+   c = DecodeUtf8(source, length);
+   source += length;
+   return conversionOK;
+}
 
-   static void Encode(UTF32 c, size_t /* length */, UTF32 *t) { t[0] = c; }
-};
+// Writes a scalar value as one UTF-16 unit or a pair, if it fits.
+bool WriteUtf16(UTF32 c, UTF16 *&target, const UTF16 *targetEnd) {
+   if (targetEnd - target < (c > kMaxBmp ? 2 : 1)) {
+      return false;
+   }
+   if (c > kMaxBmp) {
+      EncodePair(c, target);
+   } else {
+      *target++ = static_cast<UTF16>(c);
+   }
+   return true;
+}
 
-template <typename From, typename To>
-ConversionResult Convert(const typename From::Unit **sourceStart,
-                         const typename From::Unit *sourceEnd,
-                         typename To::Unit **targetStart,
-                         typename To::Unit *targetEnd,
-                         ConversionFlags flags) {
-   const typename From::Unit *source = *sourceStart;
-   typename To::Unit *target = *targetStart;
+bool WriteUtf32(UTF32 c, UTF32 *&target, const UTF32 *targetEnd) {
+   if (target >= targetEnd) {
+      return false;
+   }
+   *target++ = c;
+   return true;
+}
+
+/*
+ * The loop of the directions that read UTF-8 or UTF-16: read one character
+ * (read stops the call with any result other than conversionOK), then write
+ * it whole or stop before it with targetExhausted.
+ */
+template <typename S, typename T, typename Read, typename Write>
+ConversionResult Convert(const S **sourceStart, const S *sourceEnd, T **targetStart,
+                         T *targetEnd, Read read, Write write) {
    ConversionResult result = conversionOK;
+   const S *source = *sourceStart;
+   T *target = *targetStart;
    while (source < sourceEnd) {
-      Decoding d = From::Decode(source, sourceEnd);
-      if (d.kind == Decoded::kTruncated) {
-         result = sourceExhausted;
+      const S *start = source;
+      UTF32 c;
+      result = read(source, sourceEnd, c);
+      if (result != conversionOK) {
          break;
       }
-      if (d.kind == Decoded::kIllFormed) {
-         if (flags == strictConversion) {
-            result = sourceIllegal;
-            break;
-         }
-         d.scalar = kReplacementChar;
-      }
-      size_t length = To::Length(d.scalar);
-      if (static_cast<size_t>(targetEnd - target) < length) {
+      if (!write(c, target, targetEnd)) {
+         source = start;
          result = targetExhausted;
          break;
       }
-      To::Encode(d.scalar, length, target);
-      source += d.units;
-      target += length;
    }
    *sourceStart = source;
    *targetStart = target;
@@ -238,47 +207,112 @@ ConversionResult Convert(const typename From::Unit **sourceStart,
 
 extern "C" {
 
-ConversionResult ConvertUTF8toUTF16(const UTF8 **sourceStart, const UTF8 *sourceEnd,
-                                    UTF16 **targetStart, UTF16 *targetEnd,
-                                    ConversionFlags flags) {
-   return Convert<Utf8, Utf16>(sourceStart, sourceEnd, targetStart, targetEnd, flags);
-}
-
-ConversionResult ConvertUTF16toUTF8(const UTF16 **sourceStart, const UTF16 *sourceEnd,
-                                    UTF8 **targetStart, UTF8 *targetEnd,
-                                    ConversionFlags flags) {
-   return Convert<Utf16, Utf8>(sourceStart, sourceEnd, targetStart, targetEnd, flags);
-}
-
-ConversionResult ConvertUTF8toUTF32(const UTF8 **sourceStart, const UTF8 *sourceEnd,
-                                    UTF32 **targetStart, UTF32 *targetEnd,
-                                    ConversionFlags flags) {
-   return Convert<Utf8, Utf32>(sourceStart, sourceEnd, targetStart, targetEnd, flags);
-}
-
-ConversionResult ConvertUTF32toUTF8(const UTF32 **sourceStart, const UTF32 *sourceEnd,
-                                    UTF8 **targetStart, UTF8 *targetEnd,
-                                    ConversionFlags flags) {
-   return Convert<Utf32, Utf8>(sourceStart, sourceEnd, targetStart, targetEnd, flags);
+ConversionResult ConvertUTF32toUTF16(const UTF32 **sourceStart, const UTF32 *sourceEnd,
+                                     UTF16 **targetStart, UTF16 *targetEnd,
+                                     ConversionFlags flags) {
+   ConversionResult result = conversionOK;
+   const UTF32 *source = *sourceStart;
+   UTF16 *target = *targetStart;
+   while (source < sourceEnd) {
+      if (target >= targetEnd) {
+         result = targetExhausted;
+         break;
+      }
+      UTF32 c = *source;
+      if (c <= kMaxBmp) {
+         if (IsSurrogate(c)) {
+            if (flags == strictConversion) {
+               result = sourceIllegal;
+               break;
+            }
+            c = kReplacementChar;
+         }
+         *target++ = static_cast<UTF16>(c);
+      } else if (c > kMaxLegal) {
+         // Strict mode skips the value and goes on, reporting it at the end.
+         if (flags == strictConversion) {
+            result = sourceIllegal;
+         } else {
+            *target++ = static_cast<UTF16>(kReplacementChar);
+         }
+      } else {
+         if (targetEnd - target < 2) {
+            result = targetExhausted;
+            break;
+         }
+         EncodePair(c, target);
+      }
+      source++;
+   }
+   *sourceStart = source;
+   *targetStart = target;
+   return result;
 }
 
 ConversionResult ConvertUTF16toUTF32(const UTF16 **sourceStart, const UTF16 *sourceEnd,
                                      UTF32 **targetStart, UTF32 *targetEnd,
                                      ConversionFlags flags) {
-   return Convert<Utf16, Utf32>(sourceStart, sourceEnd, targetStart, targetEnd, flags);
+   auto read = [flags](const UTF16 *&s, const UTF16 *end, UTF32 &c) {
+      return ReadUtf16(s, end, flags, c);
+   };
+   return Convert(sourceStart, sourceEnd, targetStart, targetEnd, read, WriteUtf32);
 }
 
-ConversionResult ConvertUTF32toUTF16(const UTF32 **sourceStart, const UTF32 *sourceEnd,
-                                     UTF16 **targetStart, UTF16 *targetEnd,
-                                     ConversionFlags flags) {
-   return Convert<Utf32, Utf16>(sourceStart, sourceEnd, targetStart, targetEnd, flags);
+ConversionResult ConvertUTF16toUTF8(const UTF16 **sourceStart, const UTF16 *sourceEnd,
+                                    UTF8 **targetStart, UTF8 *targetEnd,
+                                    ConversionFlags flags) {
+   auto read = [flags](const UTF16 *&s, const UTF16 *end, UTF32 &c) {
+      return ReadUtf16(s, end, flags, c);
+   };
+   return Convert(sourceStart, sourceEnd, targetStart, targetEnd, read, EncodeUtf8);
+}
+
+ConversionResult ConvertUTF32toUTF8(const UTF32 **sourceStart, const UTF32 *sourceEnd,
+                                    UTF8 **targetStart, UTF8 *targetEnd,
+                                    ConversionFlags flags) {
+   ConversionResult result = conversionOK;
+   const UTF32 *source = *sourceStart;
+   UTF8 *target = *targetStart;
+   while (source < sourceEnd) {
+      UTF32 c = *source;
+      if (flags == strictConversion && IsSurrogate(c)) {
+         result = sourceIllegal;
+         break;
+      }
+      if (!EncodeUtf8(c, target, targetEnd)) {
+         result = targetExhausted;
+         break;
+      }
+      if (c > kMaxLegal) {
+         // Written as U+FFFD; the call goes on and reports it at the end.
+         result = sourceIllegal;
+      }
+      source++;
+   }
+   *sourceStart = source;
+   *targetStart = target;
+   return result;
+}
+
+// Well-formed UTF-8 holds scalar values only, so the mode changes nothing.
+ConversionResult ConvertUTF8toUTF16(const UTF8 **sourceStart, const UTF8 *sourceEnd,
+                                    UTF16 **targetStart, UTF16 *targetEnd,
+                                    ConversionFlags /* flags */) {
+   return Convert(sourceStart, sourceEnd, targetStart, targetEnd, ReadUtf8, WriteUtf16);
+}
+
+ConversionResult ConvertUTF8toUTF32(const UTF8 **sourceStart, const UTF8 *sourceEnd,
+                                    UTF32 **targetStart, UTF32 *targetEnd,
+                                    ConversionFlags /* flags */) {
+   return Convert(sourceStart, sourceEnd, targetStart, targetEnd, ReadUtf8, WriteUtf32);
 }
 
 bool isLegalUTF8Sequence(const UTF8 *source, const UTF8 *sourceEnd) {
    if (source >= sourceEnd) {
       return false;
    }
-   return Utf8::Decode(source, sourceEnd).kind == Decoded::kScalar;
+   unsigned length = TrailingBytes(source[0]) + 1;
+   return sourceEnd - source >= static_cast<ptrdiff_t>(length) && IsLegalUtf8(source, length);
 }
 
-}
+}  // extern "C"

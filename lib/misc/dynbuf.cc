@@ -110,9 +110,9 @@ char *DynBuf_DetachString(DynBuf *b) {
    return static_cast<char *>(DynBuf_Detach(b));
 }
 
-bool DynBuf_Enlarge(DynBuf *b, uint64_t minSize) {
-   return minSize <= b->allocated || DynBufGrow(b, minSize);
-}
+// Grows on every call, even when minSize already fits: deciding whether
+// growth is needed is the caller's business (DynBuf_Insert does).
+bool DynBuf_Enlarge(DynBuf *b, uint64_t minSize) { return DynBufGrow(b, minSize); }
 
 bool DynBuf_Insert(DynBuf *b, uint64_t offset, const void *bytes, uint64_t length) {
    if (length == 0) {

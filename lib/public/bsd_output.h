@@ -29,7 +29,9 @@ int bsd_vsnprintf_core(char **outbuf, char *grouping, char thousandsSep,
 /*
  * Converts a 32-bit wide string to a newly allocated UTF-8 string of at most
  * precision bytes (cut at a whole character; -1 for no limit), or null when
- * allocation fails. The result ends with four zero bytes.
+ * allocation fails. The conversion is lenient: a surrogate value passes
+ * through as its three bytes, a value above U+10FFFF becomes U+FFFD. The
+ * result ends with four zero bytes.
  */
 char *BSDFmt_WCharToUTF8(const wchar_t *wideString, int precision);
 

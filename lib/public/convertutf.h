@@ -1,25 +1,29 @@
 /*
- * Conversions between UTF-32, UTF-16 and UTF-8, and a UTF-8 sequence check.
+ * Conversions between UTF-32, UTF-16 and UTF-8, and a UTF-8 sequence check,
+ * with the rules of the long-published Unicode, Inc. reference converters.
  *
  * Each function converts from *sourceStart up to sourceEnd into *targetStart
  * up to targetEnd and advances both pointers past what it consumed and
- * produced. It stops with
- *   - conversionOK      when the whole source was converted;
- *   - sourceExhausted   when the source ends inside a character (for example
- *                       a high surrogate or a cut UTF-8 sequence at the end);
- *   - targetExhausted   when the target cannot hold the whole next character;
- *                       the pointers then stay before that character;
- *   - sourceIllegal     in strict mode, on an unpaired surrogate, a value
- *                       above U+10FFFF or an ill-formed UTF-8 sequence; the
- *                       source pointer stays at the offending unit.
- * In lenient mode an out-of-range or unpaired value becomes U+FFFD instead,
- * and conversion goes on, so lenient mode never reports sourceIllegal. Each
- * maximal ill-formed part of UTF-8 input (the longest prefix of a well-formed
- * sequence, or a single byte) becomes one U+FFFD.
- * Only a proper prefix of a well-formed character counts as cut by the end of
- * the source: bytes that can no longer become well-formed are ill-formed even
- * at the end. Well-formed means a Unicode scalar value (U+0000..U+10FFFF minus
- * the surrogates) in its shortest form.
+ * produced. Where it stops, the source pointer is at the first unit of the
+ * character it stopped on. Results:
+ *   - conversionOK      the whole source was converted;
+ *   - sourceExhausted   the source ends inside a character: a high
+ *                       surrogate as the last UTF-16 unit, or fewer UTF-8
+ *                       bytes left than the lead byte announces (judged by
+ *                       the lead byte alone, before the bytes are checked);
+ *   - targetExhausted   the target cannot hold the whole next character;
+ *                       nothing of it is written;
+ *   - sourceIllegal     see below.
+ * Ill-formed input:
+ *   - UTF-8 (shortest form, no surrogates, at most U+10FFFF) is checked in
+ *     both modes: an ill-formed sequence stops the call with sourceIllegal.
+ *   - An unpaired UTF-16 surrogate, or a surrogate value in UTF-32, stops
+ *     strict mode with sourceIllegal. Lenient mode passes it through as its
+ *     own value, except UTF-32 to UTF-16, which writes U+FFFD.
+ *   - A UTF-32 value above U+10FFFF becomes U+FFFD (to UTF-8 in both modes,
+ *     to UTF-16 in lenient mode; strict UTF-32 to UTF-16 drops it); the call
+ *     goes on but reports sourceIllegal unless a later character does not
+ *     fit.
  */
 #ifndef HALCYX_CONVERTUTF_H
 #define HALCYX_CONVERTUTF_H
@@ -64,9 +68,9 @@ ConversionResult ConvertUTF32toUTF16(const UTF32 **sourceStart, const UTF32 *sou
                                      ConversionFlags flags);
 
 /*
- * True when the UTF-8 sequence that begins at source is well-formed and ends
- * at or before sourceEnd; whatever follows it is not looked at. False for an
- * empty range.
+ * True when the UTF-8 sequence that begins at source (as long as its lead
+ * byte announces) ends at or before sourceEnd and is well-formed; whatever
+ * follows it is not looked at. False for an empty range.
  */
 bool isLegalUTF8Sequence(const UTF8 *source, const UTF8 *sourceEnd);
 

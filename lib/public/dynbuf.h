@@ -8,11 +8,11 @@
  * DynBuf_DetachString.
  *
  * Growth: when an operation needs a capacity larger than the current one,
- * the candidate capacity is 128 from 0, double the current one below
- * 262,144 bytes and the current one plus 262,144 from there on; the larger
- * of the candidate and the required capacity is taken. A capacity that
- * would wrap around, or a failed reallocation, is failure, and failure
- * leaves the buffer exactly as it was.
+ * and on every DynBuf_Enlarge, the candidate capacity is 128 from 0,
+ * double the current one below 262,144 bytes and the current one plus
+ * 262,144 from there on; the larger of the candidate and the required
+ * capacity is taken. A capacity that would wrap around, or a failed
+ * reallocation, is failure, and failure leaves the buffer exactly as it was.
  *
  * Plain forms report failure through their result. The Safe forms end the
  * process through Panic("Unrecoverable memory allocation failure at
@@ -72,7 +72,12 @@ void *DynBuf_Detach(DynBuf *b);
  */
 char *DynBuf_DetachString(DynBuf *b);
 
-/* Makes the capacity at least minSize. False on failure, buffer unchanged. */
+/*
+ * Grows the block by the growth rule to at least minSize, every time it is
+ * called: from 0 to 128 and from 128 to 256 even when minSize already fits,
+ * so callers test whether they need room first. False on failure, buffer
+ * unchanged.
+ */
 bool DynBuf_Enlarge(DynBuf *b, uint64_t minSize);
 
 /*
@@ -128,11 +133,27 @@ static inline uint64_t DynBuf_GetAllocatedSize(const DynBuf *b) { return b->allo
 static inline void DynBuf_SetSize(DynBuf *b, uint64_t size) { b->size = size; }
 
 static inline bool DynBufAppendInline(DynBuf *b, const void *bytes, uint64_t length) {
-   uint64_t newSize = b->size + length;
-   /* A non-empty piece that fits without wrapping: data is a real block. */
-   if (length != 0 && newSize >= length && newSize <= b->allocated) {
-      memcpy(b->data + b->size, bytes, length);
-      b->size = newSize;
+   /*
+    * A non-empty piece that fits: data is a real block. Pieces of up to 16
+    * bytes are copied as two overlapping moves instead of a memcpy call.
+    */
+   if (b->size <= b->allocated && length - 1 < b->allocated - b->size) {
+      char *d = b->data + b->size;
+      const char *s = (const char *)bytes;
+      if (length > 16) {
+         memcpy(d, s, length);
+      } else if (length >= 8) {
+         memcpy(d, s, 8);
+         memcpy(d + length - 8, s + length - 8, 8);
+      } else if (length >= 4) {
+         memcpy(d, s, 4);
+         memcpy(d + length - 4, s + length - 4, 4);
+      } else {
+         d[0] = s[0];
+         d[length / 2] = s[length / 2];
+         d[length - 1] = s[length - 1];
+      }
+      b->size += length;
       return true;
    }
    return (DynBuf_Append)(b, bytes, length);

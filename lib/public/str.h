@@ -22,7 +22,7 @@ HALCYX_EXTERN_C_BEGIN
  * The length written when the whole output fitted (length < size), -1
  * otherwise (truncated, size 0 or engine error). With size >= 1 the buffer
  * is always terminated, and on truncation it is cut back to a UTF-8
- * sequence boundary.
+ * sequence boundary. A null buf is -1, and nothing is allocated.
  */
 int Str_Vsnprintf(char *buf, size_t size, const char *format, va_list ap);
 int Str_Snprintf(char *buf, size_t size, const char *format, ...)

@@ -10,20 +10,20 @@
  * allocated for the caller's buffer form unless the format uses wide
  * strings, floating point or positions beyond 7.
  *
- * All state lives in the call. The one shared resource is the mutex around
- * ecvt/fcvt (see dtoa).
+ * All state lives in the call, including the digits of a floating-point
+ * conversion (see dtoa), so the engine shares nothing between threads.
  */
 #include "bsd_output.h"
 
 #include <cerrno>
 #include <climits>
 #include <clocale>
+#include <cfenv>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
-#include <mutex>
 #include <strings.h>
 
 #include "convertutf.h"
@@ -851,16 +851,11 @@ void StoreCount(ArgSource &args, SizeClass size, int count) {
    }
 }
 
-// Owns a dtoa result or a converted wide string until the conversion ends.
+// Owns a converted wide string until the conversion ends.
 struct Scratch {
-   char *digits = nullptr;
    char *wide = nullptr;
    ~Scratch() { Release(); }
    void Release() {
-      if (digits != nullptr) {
-         freedtoa(digits);
-         digits = nullptr;
-      }
       if (wide != nullptr) {
          free(wide);
          wide = nullptr;
@@ -915,6 +910,7 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
    args.format = fmt0;
 
    Scratch scratch;
+   DtoaBuffer digitsBuf;
    const char *fmt = fmt0;
    bool failed = false;
 
@@ -1160,15 +1156,12 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
                   cp = "(null)";
                }
             }
-            if (prec >= 0) {
-               const void *nul = memchr(cp, '\0', static_cast<size_t>(prec));
-               if (nul != nullptr) {
-                  csize = static_cast<const char *>(nul) - cp;
-               } else {
-                  // Cut by the precision: never inside a character.
-                  csize = static_cast<int64_t>(
-                     Utf8BoundaryLength(cp, static_cast<size_t>(prec)));
-               }
+            if (prec >= 0 && scratch.wide == nullptr) {
+               // At most prec bytes, and never a partial character at the end
+               // of what is taken, whether the precision or the terminator
+               // ended it. (A converted wide string is already cut.)
+               csize = static_cast<int64_t>(
+                  Utf8BoundaryLength(cp, strnlen(cp, static_cast<size_t>(prec))));
             } else {
                csize = static_cast<int64_t>(strlen(cp));
             }
@@ -1203,17 +1196,12 @@ int Format(Sink &sink, LocaleParams &locale, const char *fmt0, va_list ap0) {
             int signFlag = 0;
             char *end = nullptr;
             if ((flags & kLongDouble) != 0) {
-               scratch.digits = ldtoa(args.Get<long double>(), expChar ? 2 : 3, ndigitsAsked,
-                                      &decpt, &signFlag, &end);
+               cp = ldtoa(args.Get<long double>(), expChar ? 2 : 3, ndigitsAsked, &decpt,
+                          &signFlag, &end, digitsBuf);
             } else {
-               scratch.digits = dtoa(args.Get<double>(), expChar ? 2 : 3, ndigitsAsked,
-                                     &decpt, &signFlag, &end);
+               cp = dtoa(args.Get<double>(), expChar ? 2 : 3, ndigitsAsked, &decpt, &signFlag,
+                         &end, digitsBuf);
             }
-            if (scratch.digits == nullptr) {
-               failed = true;
-               break;
-            }
-            cp = scratch.digits;
             bool negative = false;
             if (decpt == 9999 || IsInfOrNan(cp, negative)) {
                bool nan = strcasestr(cp, "nan") != nullptr || (decpt == 9999 && *cp == 'N');
@@ -1482,59 +1470,115 @@ size_t Utf8BoundaryLength(const char *text, size_t p) {
 }
 
 namespace {
-// ecvt and fcvt return static storage.
-std::mutex gCvtMutex;
+
+/*
+ * fcvt's result for ndigits >= 1, computed exactly where that is cheap: a
+ * finite value below 2^53 in magnitude, in the default rounding mode.
+ * Otherwise false, and fcvt_r does the work.
+ *
+ * fcvt prints |value| with min(ndigits, 17) digits after the point, rounded
+ * half to even on the exact binary value, and returns those digits without
+ * the point and without leading zeros (a zero value keeps "0" and its
+ * zeros). With |value| = m / 2^k (m below 2^53), that is the integer
+ * q = round(m * 10^nd / 2^k), which fits in 128 bits.
+ */
+bool FixedDigitsExact(double value, int ndigits, int *decpt, int *sign, char *text) {
+   if (!std::isfinite(value) || std::fabs(value) >= 0x1p53 || fegetround() != FE_TONEAREST) {
+      return false;
+   }
+   static constexpr uint64_t kPow10[18] = {
+      1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000, 1000000000,
+      10000000000, 100000000000, 1000000000000, 10000000000000, 100000000000000,
+      1000000000000000, 10000000000000000, 100000000000000000};
+   const int nd = ndigits < 17 ? ndigits : 17;
+   int exponent;
+   double fraction = std::frexp(std::fabs(value), &exponent);
+   auto m = static_cast<uint64_t>(std::ldexp(fraction, 53));
+   const int k = 53 - exponent;  // at least 0
+   unsigned __int128 scaled = static_cast<unsigned __int128>(m) * kPow10[nd];  // below 2^110
+   unsigned __int128 q = 0;
+   if (k == 0) {
+      q = scaled;
+   } else if (k < 112) {  // from 112 on, scaled / 2^k is below a quarter
+      q = scaled >> k;
+      unsigned __int128 rest = scaled - (q << k), half = static_cast<unsigned __int128>(1) << (k - 1);
+      if (rest > half || (rest == half && (q & 1) != 0)) {
+         q++;
+      }
+   }
+   char digits[40];
+   char *end = digits + sizeof digits, *p = end;
+   auto put = [&p](uint64_t v, int width) {  // at least width digits
+      for (int i = 0; i < width || v != 0; i++) {
+         *--p = static_cast<char>('0' + v % 10);
+         v /= 10;
+      }
+   };
+   constexpr uint64_t kTen19 = 10000000000000000000u;
+   if ((q >> 64) != 0) {
+      put(static_cast<uint64_t>(q % kTen19), 19);
+      put(static_cast<uint64_t>(q / kTen19), 1);
+   } else {
+      put(static_cast<uint64_t>(q), 1);
+   }
+   auto length = static_cast<int>(end - p);
+   *sign = std::signbit(value) ? 1 : 0;
+   if (value == 0) {
+      memset(text, '0', static_cast<size_t>(nd) + 1);
+      text[nd + 1] = '\0';
+      *decpt = 1;
+   } else if (q == 0) {
+      text[0] = '\0';
+      *decpt = -nd;
+   } else {
+      memcpy(text, p, static_cast<size_t>(length));
+      text[length] = '\0';
+      *decpt = length - nd;
+   }
+   return true;
+}
+
 }  // namespace
 
-char *dtoa(double value, int mode, int ndigits, int *decpt, int *sign, char **rve) {
-   char *copy;
-   size_t length;
-   {
-      std::lock_guard<std::mutex> hold(gCvtMutex);
-      const char *text;
-      bool dropLast = false;
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-      if (mode == 2) {
-         text = ecvt(value, ndigits, decpt, sign);
-      } else if (ndigits > 0) {
-         text = fcvt(value, ndigits, decpt, sign);
-      } else {
+char *dtoa(double value, int mode, int ndigits, int *decpt, int *sign, char **rve,
+           DtoaBuffer &buf) {
+   char *text = buf.digits;
+   bool dropLast = false;
+   // The reentrant forms fill the caller's buffer with exactly the digits
+   // ecvt and fcvt would leave in their static one; the buffer is large
+   // enough that they never fail.
+   if (mode == 2) {
+      ecvt_r(value, ndigits, decpt, sign, text, sizeof buf.digits);
+   } else {
+      if (ndigits <= 0) {
          // No digits after the point: round half away from zero here, as
          // fcvt would round half to even; then drop fcvt's one fraction digit.
-         double rounded = std::trunc(value + std::copysign(0.49999999999999994, value));
-         text = fcvt(rounded, 1, decpt, sign);
+         value = std::trunc(value + std::copysign(0.49999999999999994, value));
+         ndigits = 1;
          dropLast = true;
       }
-#pragma GCC diagnostic pop
-      length = strlen(text);
-      if (dropLast && length > 0 && text[length - 1] >= '0' && text[length - 1] <= '9') {
-         length--;
-      }
-      copy = static_cast<char *>(Malloc(length + 1));
-      if (copy != nullptr) {
-         memcpy(copy, text, length);
-         copy[length] = '\0';
+      if (!FixedDigitsExact(value, ndigits, decpt, sign, text)) {
+         fcvt_r(value, ndigits, decpt, sign, text, sizeof buf.digits);
       }
    }
-   if (copy == nullptr) {
-      return nullptr;
+   size_t length = strlen(text);
+   if (dropLast && length > 0 && text[length - 1] >= '0' && text[length - 1] <= '9') {
+      text[--length] = '\0';
    }
-   char *end = copy + length;
-   if (length > 0 && copy[0] >= '0' && copy[0] <= '9') {
-      while (end > copy + 1 && end[-1] == '0') {
+   char *end = text + length;
+   if (length > 0 && text[0] >= '0' && text[0] <= '9') {
+      while (end > text + 1 && end[-1] == '0') {
          end--;
       }
    }
    *rve = end;
-   return copy;
+   return text;
 }
 
-char *ldtoa(long double value, int mode, int ndigits, int *decpt, int *sign, char **rve) {
-   return dtoa(static_cast<double>(value), mode, ndigits, decpt, sign, rve);
+char *ldtoa(long double value, int mode, int ndigits, int *decpt, int *sign, char **rve,
+            DtoaBuffer &buf) {
+   return dtoa(static_cast<double>(value), mode, ndigits, decpt, sign, rve, buf);
 }
-
-void freedtoa(char *digits) { free(digits); }
 
 }  // namespace halcyx::bsdfmt
 

@@ -18,28 +18,33 @@ namespace halcyx::bsdfmt {
  */
 size_t Utf8BoundaryLength(const char *text, size_t p);
 
+// Room for any digit string of ecvt_r/fcvt_r: up to 309 integer digits,
+// the point and 17 fraction digits, and the terminator.
+struct DtoaBuffer {
+   char digits[384];
+};
+
 /*
- * Decimal digits of value, wrapped over the C library's ecvt/fcvt.
+ * Decimal digits of value, the same as the C library's ecvt/fcvt give.
  *
  * mode 2: ndigits significant digits (ecvt).
  * mode 3: ndigits digits after the decimal point (fcvt); with ndigits 0 the
  *         value is first rounded half away from zero.
  *
- * Returns a newly allocated digit string (release it with freedtoa) or null
- * when the copy cannot be allocated. *decpt receives the position of the
- * decimal point relative to the first digit, *sign whether the value is
- * negative, and *rve the end of the significant digits: trailing zeros are
- * not part of them, except that a zero value keeps one "0". Infinity and NaN
- * come back as the C library's text ("inf", "-nan", ...).
- *
- * ecvt and fcvt share static storage; every call goes through one
- * process-wide mutex, held only around the call and the copy.
+ * Returns the digit string, which lives in buf. *decpt receives the position
+ * of the decimal point relative to the first digit, *sign whether the value
+ * is negative, and *rve the end of the significant digits: trailing zeros
+ * are not part of them, except that a zero value keeps one "0". Infinity
+ * and NaN come back as the C library's text ("inf", "-nan", ...). Mode 3
+ * computes fcvt's digits itself when that is exact and cheap (a value below
+ * 2^53 in magnitude), and everything else goes through the reentrant
+ * ecvt_r/fcvt_r, so calls need no lock.
  */
-char *dtoa(double value, int mode, int ndigits, int *decpt, int *sign, char **rve);
+char *dtoa(double value, int mode, int ndigits, int *decpt, int *sign, char **rve,
+           DtoaBuffer &buf);
 // dtoa of the value narrowed to double.
-char *ldtoa(long double value, int mode, int ndigits, int *decpt, int *sign,
-            char **rve);
-void freedtoa(char *digits);
+char *ldtoa(long double value, int mode, int ndigits, int *decpt, int *sign, char **rve,
+            DtoaBuffer &buf);
 
 }  // namespace halcyx::bsdfmt
 

@@ -43,6 +43,11 @@ using Engine = int (*)(char **, size_t, const char *, va_list);
  * end of what the engine stored.
  */
 int FormatBounded(Engine engine, char *buf, size_t size, const char *format, va_list ap) {
+   if (buf == nullptr) {
+      // A null pointer would select the engine's allocating form; there is
+      // no buffer to fill, so nothing can fit.
+      return -1;
+   }
    char *out = buf;
    int r = engine(&out, size, format, ap);
    if (r >= 0 && static_cast<size_t>(r) < size) {

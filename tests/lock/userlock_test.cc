@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <map>
 #include <sstream>
 #include <string>
@@ -13,7 +14,6 @@
 
 #include "child.h"
 #include "lock/ulInt.h"
-#include "str.h"
 #include "userlock.h"
 
 using halcyx::test::LogEntries;
@@ -23,25 +23,47 @@ namespace mx = halcyx::mxuser;
 
 namespace {
 
-// Formats with the library's engine, so expectations follow its "%p" form.
-template <typename... A> std::string Fmt(const char *format, A... args) {
-   char text[256];
-   return Str_Sprintf(text, sizeof text, format, args...) < 0 ? "(too long)" : text;
+// Upper-case hexadecimal without a prefix, as the library prints "%p".
+std::string Hex(uint64_t v) {
+   char text[20];
+   snprintf(text, sizeof text, "%llX", static_cast<unsigned long long>(v));
+   return text;
 }
+std::string Ptr(const void *p) { return Hex(reinterpret_cast<uintptr_t>(p)); }
 
-// The dump of a lock created with name and rank, acquired count times by
-// this thread; refs is dumped for a recursive lock only.
-template <typename L> Lines Dump(L *lock, const char *name, MX_Rank rank, int count, int refs = 0) {
+/*
+ * A signature's low 28 bits are the time in seconds when the process made
+ * its first lock. Make that first lock here, before any test and away from
+ * a second boundary, so the expected signatures come from the clock rather
+ * than from the library.
+ */
+const uint32_t kSignatureBase = [] {
+   timespec now;
+   clock_gettime(CLOCK_REALTIME, &now);
+   if (now.tv_nsec > 900000000) {
+      usleep(static_cast<useconds_t>((1000000000 - now.tv_nsec) / 1000 + 2000));
+   }
+   auto base = static_cast<uint32_t>(time(nullptr));
+   MXUser_DestroyExclLock(MXUser_CreateExclLock("first", 0));
+   return base & 0x0FFFFFFFu;
+}();
+constexpr uint32_t kExclusive = 0x40000000u, kRecursive = 0x20000000u;
+
+// The dump of a lock named name with rank, serial number serial, acquired
+// count times by this thread; refs is dumped for a recursive lock only.
+template <typename L>
+Lines Dump(L *lock, const char *name, const char *rank, const char *serial, int count,
+           int refs = 0) {
    constexpr bool excl = std::is_same_v<L, MXUserExclLock>;
-   uint32_t kind = excl ? mx::kKindExcl : mx::kKindRec;
-   Lines lines = {Fmt("%s @ %p\n", excl ? "MXUserDumpExclLock: Exclusive lock"
-                                        : "MXUserDumpRecLock: Recursive lock", (void *)lock),
-                  Fmt("\tsignature 0x%X\n", kind << 28 | (lock->header.signature & 0x0FFFFFFFu)),
-                  Fmt("\tname %s\n", name), Fmt("\trank 0x%X\n", rank),
-                  Fmt("\tserial number %llu\n", (unsigned long long)lock->header.serialNumber),
-                  Fmt("\treference count %d\n", refs), Fmt("\tlock count %d\n", count),
-                  Fmt("\taddress of owner data %p\n", (void *)pthread_self())};
-   if (excl) lines.erase(lines.begin() + 5);
+   Lines lines = {
+      std::string(excl ? "MXUserDumpExclLock: Exclusive" : "MXUserDumpRecLock: Recursive") +
+         " lock @ " + Ptr(lock) + "\n",
+      "\tsignature 0x" + Hex((excl ? kExclusive : kRecursive) | kSignatureBase) + "\n",
+      std::string("\tname ") + name + "\n", std::string("\trank ") + rank + "\n",
+      std::string("\tserial number ") + serial + "\n"};
+   if (!excl) lines.push_back("\treference count " + std::to_string(refs) + "\n");
+   lines.push_back("\tlock count " + std::to_string(count) + "\n");
+   lines.push_back("\taddress of owner data " + Ptr(reinterpret_cast<void *>(pthread_self())) + "\n");
    return lines;
 }
 
@@ -56,43 +78,46 @@ void Expect(Lines dump, const std::string &panic) {
 
 const std::map<std::string, void (*)()> kFatalCases = {
    {"DestroyOfAcquiredExclusiveLock", [] {
+       mx::SetNextSerialNumberForTest(81985529216486895ull);
        MXUserExclLock *lock = MXUser_CreateExclLock("fatal-x", 0x42);
        MXUser_AcquireExclLock(lock);
        MXUser_AcquireExclLock(lock);
-       Expect(Dump(lock, "fatal-x", 0x42, 2),
+       Expect(Dump(lock, "fatal-x", "0x42", "81985529216486895", 2),
               "MXUser_DestroyExclLock: Destroy of an acquired exclusive lock\n");
        MXUser_DestroyExclLock(lock);
     }},
    {"DestroyOfLastReferenceOfAcquiredRecursiveLock", [] {
-       MXUserRecLock *lock = MXUser_CreateRecLock("fatal-r", 7);
+       mx::SetNextSerialNumberForTest(4294967296ull);
+       MXUserRecLock *lock = MXUser_CreateRecLock("fatal-r", 0xFEDCBA98);
        MXUser_IncRefRecLock(lock);
        MXUser_AcquireRecLock(lock);
        MXUser_DestroyRecLock(lock);  // drops the extra reference only
-       Expect(Dump(lock, "fatal-r", 7, 1, 0),
+       Expect(Dump(lock, "fatal-r", "0xFEDCBA98", "4294967296", 1, 0),
               "MXUserCondDestroyRecLock: Destroy of an acquired recursive lock\n");
        MXUser_DecRefRecLock(lock);
     }},
    {"CorruptLockIsDumpedRaw", [] {
+       mx::SetNextSerialNumberForTest(12);
        MXUserExclLock *lock = MXUser_CreateExclLock("fatal-x", 0x42);
        MXUser_AcquireExclLock(lock);
        mx::Header *h = &lock->header;
        h->signature ^= 0x10000000u;  // now neither kind's signature
-       Expect({Fmt("MXUserDumpAndPanic: Corrupt lock @ %p\n", (void *)h),
-               Fmt("\tname %p\n", (void *)h->name), Fmt("\tsignature 0x%X\n", h->signature),
-               "\trank 0x42\n", Fmt("\tdumpFunc %p\n", (void *)mx::MXUserDumpExclLock),
-               Fmt("\tstatsFunc %p\n", nullptr), Fmt("\titem.next %p\n", (void *)h->item.next),
-               Fmt("\titem.prev %p\n", (void *)h->item.prev),
-               Fmt("\tserial number %llu\n", (unsigned long long)h->serialNumber)},
+       Expect({"MXUserDumpAndPanic: Corrupt lock @ " + Ptr(h) + "\n", "\tname " + Ptr(h->name) + "\n",
+               "\tsignature 0x" + Hex(0x50000000u | kSignatureBase) + "\n", "\trank 0x42\n",
+               "\tdumpFunc " + Ptr(reinterpret_cast<void *>(mx::MXUserDumpExclLock)) + "\n",
+               "\tstatsFunc 0\n", "\titem.next " + Ptr(h->item.next) + "\n",
+               "\titem.prev " + Ptr(h->item.prev) + "\n", "\tserial number 12\n"},
               "MXUser_DestroyExclLock: Destroy of an acquired exclusive lock\n");
        MXUser_DestroyExclLock(lock);
     }},
    {"WaitHoldingTheLockTwice", [] {
+       mx::SetNextSerialNumberForTest(1);
        MXUserExclLock *lock = MXUser_CreateExclLock("cv", 0);
        MXUserCondVar *cv = MXUser_CreateCondVarExclLock(lock);
        MXUser_AcquireExclLock(lock);
        MXUser_AcquireExclLock(lock);
-       Expect(Dump(lock, "cv", 0, 2),
-              Fmt("MXUserWaitCondVar: lock cv for condVar (%p) held 2 times\n", cv));
+       Expect(Dump(lock, "cv", "0x0", "1", 2),
+              "MXUserWaitCondVar: lock cv for condVar (" + Ptr(cv) + ") held 2 times\n");
        MXUser_WaitCondVarExclLock(lock, cv);
     }},
    {"SerialNumberWrap", [] {
@@ -152,7 +177,7 @@ void ExpectNamedAfterCallSite(char prefix) {
    L *lock = Unnamed<L, create>();
    auto helper = reinterpret_cast<uintptr_t>(&Unnamed<L, create>);
    uintptr_t addr = strtoull(lock->header.name + 2, nullptr, 16);
-   EXPECT_EQ(Fmt("%c-%p", prefix, (void *)addr), lock->header.name);
+   EXPECT_EQ(std::string(1, prefix) + "-" + Hex(addr), lock->header.name);
    EXPECT_TRUE(addr > helper && addr < helper + 4096) << lock->header.name;
    destroy(lock);
 }

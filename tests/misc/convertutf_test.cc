@@ -120,10 +120,6 @@ TEST(TargetExhausted, StopsBeforeTheFirstCharacterThatDoesNotFit) {
       CheckEveryCapacity(ConvertUTF8toUTF16, u8, u16, flags);
       CheckEveryCapacity(ConvertUTF8toUTF32, u8, u32, flags);
    }
-   // A replacement character is whole or absent too.
-   const U8 fffd = {0xEF, 0xBF, 0xBD};
-   CheckEveryCapacity(ConvertUTF32toUTF8, {{0x41}, {0x110000}, {0xD800}, {0xE9}},
-                      {{0x41}, fffd, fffd, {0xC3, 0xA9}}, kLenient);
 }
 
 TEST(SourceExhausted, CharacterCutByTheEndOfTheSource) {
@@ -139,66 +135,94 @@ TEST(SourceExhausted, CharacterCutByTheEndOfTheSource) {
       const U16 src = {0x41, 0xD83D, 0xDE00, 0xDBFF};
       EXPECT_EQ(Convert(ConvertUTF16toUTF32, src, flags),
                 (O32{sourceExhausted, 3, {0x41, 0x1F600}}));
+      EXPECT_EQ(Convert(ConvertUTF16toUTF8, src, flags),
+                (O8{sourceExhausted, 3, {0x41, 0xF0, 0x9F, 0x98, 0x80}}));
    }
 }
 
-TEST(IllFormed, Utf32SurrogatesAndValuesAboveTheLastScalar) {
-   for (UTF32 bad : {0xD800u, 0xDFFFu, 0x110000u, 0xFFFFFFFFu}) {
-      const U32 src = {0x41, bad, 0x42};
-      EXPECT_EQ(Convert(ConvertUTF32toUTF8, src, kStrict), (O8{sourceIllegal, 1, {0x41}}));
-      EXPECT_EQ(Convert(ConvertUTF32toUTF8, src, kLenient),
-                (O8{conversionOK, 3, {0x41, 0xEF, 0xBF, 0xBD, 0x42}}));
+// UTF-32 and UTF-16 input: what each direction does with surrogates and
+// values above U+10FFFF, between "A" and "B".
+TEST(IllFormed, WideInputByDirectionAndMode) {
+   struct Case {
+      UTF32 bad;
+      O8 strict8, lenient8;
+      O16 strict16, lenient16;
+   };
+   const U8 fffd = {0x41, 0xEF, 0xBF, 0xBD, 0x42};
+   for (const Case &c : std::vector<Case>{
+           {0xD800, {sourceIllegal, 1, {0x41}}, {conversionOK, 3, {0x41, 0xED, 0xA0, 0x80, 0x42}},
+            {sourceIllegal, 1, {0x41}}, {conversionOK, 3, {0x41, R, 0x42}}},
+           {0xDFFF, {sourceIllegal, 1, {0x41}}, {conversionOK, 3, {0x41, 0xED, 0xBF, 0xBF, 0x42}},
+            {sourceIllegal, 1, {0x41}}, {conversionOK, 3, {0x41, R, 0x42}}},
+           // Above U+10FFFF: replaced (to UTF-8 even in strict mode) or, in
+           // strict UTF-16, dropped; either way the call goes on to the end.
+           {0x110000, {sourceIllegal, 3, fffd}, {sourceIllegal, 3, fffd},
+            {sourceIllegal, 3, {0x41, 0x42}}, {conversionOK, 3, {0x41, R, 0x42}}},
+           {0xFFFFFFFF, {sourceIllegal, 3, fffd}, {sourceIllegal, 3, fffd},
+            {sourceIllegal, 3, {0x41, 0x42}}, {conversionOK, 3, {0x41, R, 0x42}}}}) {
+      const U32 src = {0x41, c.bad, 0x42};
+      SCOPED_TRACE(testing::Message() << std::hex << c.bad);
+      EXPECT_EQ(Convert(ConvertUTF32toUTF8, src, kStrict), c.strict8);
+      EXPECT_EQ(Convert(ConvertUTF32toUTF8, src, kLenient), c.lenient8);
+      EXPECT_EQ(Convert(ConvertUTF32toUTF16, src, kStrict), c.strict16);
+      EXPECT_EQ(Convert(ConvertUTF32toUTF16, src, kLenient), c.lenient16);
    }
-   // Surrogate values never pair up on the way out.
-   EXPECT_EQ(Convert(ConvertUTF32toUTF16, U32{0xD83D, 0xDE00}, kLenient).out, (U16{R, R}));
-}
+   // A value above U+10FFFF is reported, but a later character that does not
+   // fit is what the call ends with.
+   EXPECT_EQ(Convert(ConvertUTF32toUTF8, U32{0x110000, 0xE9}, kLenient, 4),
+             (O8{targetExhausted, 1, {0xEF, 0xBF, 0xBD}}));
 
-TEST(IllFormed, UnpairedUtf16Surrogates) {
-   struct Case { U16 src; size_t strictStop; U32 lenient; };
-   for (const Case &c : std::vector<Case>{{{0x41, 0xDC00, 0x42}, 1, {0x41, R, 0x42}},
-                                          {{0x41, 0xD800, 0x42}, 1, {0x41, R, 0x42}},
-                                          {{0xD800, 0xD83D, 0xDE00}, 0, {R, 0x1F600}},
-                                          {{0xDE00, 0xD83D, 0x42}, 0, {R, R, 0x42}}}) {
+   // Strict mode stops at an unpaired UTF-16 surrogate; lenient mode passes
+   // it through as its own value.
+   struct Case16 { U16 src; size_t strictStop; U32 lenient; U8 lenient8; };
+   for (const Case16 &c : std::vector<Case16>{
+           {{0x41, 0xDC00, 0x42}, 1, {0x41, 0xDC00, 0x42}, {0x41, 0xED, 0xB0, 0x80, 0x42}},
+           {{0x41, 0xD800, 0x42}, 1, {0x41, 0xD800, 0x42}, {0x41, 0xED, 0xA0, 0x80, 0x42}},
+           {{0xD800, 0xD83D, 0xDE00}, 0, {0xD800, 0x1F600}, {0xED, 0xA0, 0x80, 0xF0, 0x9F, 0x98, 0x80}},
+           {{0xDE00, 0xD83D, 0x42}, 0, {0xDE00, 0xD83D, 0x42}, {0xED, 0xB8, 0x80, 0xED, 0xA0, 0xBD, 0x42}}}) {
       EXPECT_EQ(Convert(ConvertUTF16toUTF32, c.src, kStrict),
                 (O32{sourceIllegal, c.strictStop, U32(&c.src[0], &c.src[c.strictStop])}));
+      EXPECT_EQ(Convert(ConvertUTF16toUTF8, c.src, kStrict).consumed, c.strictStop);
       EXPECT_EQ(Convert(ConvertUTF16toUTF32, c.src, kLenient), (O32{conversionOK, 3, c.lenient}));
+      EXPECT_EQ(Convert(ConvertUTF16toUTF8, c.src, kLenient).out, c.lenient8);
    }
 }
 
-// Each case follows "a", once with "z" after it and once at the very end of
-// the source: bytes that cannot become well-formed are ill-formed at the end
-// too. Lenient mode writes one U+FFFD per maximal ill-formed part.
-TEST(IllFormed, Utf8ClassesStrictStopsLenientReplaces) {
-   struct Case { U8 bytes; size_t legalBytes; U32 lenient; };
-   // Lone continuation, overlong (2, 3, 4 bytes), surrogate, above U+10FFFF,
-   // leads F5, F8 and FF, sequences cut by ASCII, by C0 and by a lead, and an
-   // extra continuation.
+// UTF-8 input is checked in both modes and never replaced. Whether a bad
+// sequence is "cut by the end" (sourceExhausted) or ill-formed (sourceIllegal)
+// depends only on the length its lead byte announces and the bytes left.
+TEST(IllFormed, Utf8RefusedInBothModes) {
+   struct Case { U8 src; ConversionResult result; size_t consumed; };
    for (const Case &c : std::vector<Case>{
-           {{0x80}, 0, {R}}, {{0xC1, 0xBF}, 0, {R, R}}, {{0xE0, 0x9F}, 0, {R, R}},
-           {{0xF0, 0x8F, 0xBF, 0xBF}, 0, {R, R, R, R}}, {{0xED, 0xA0, 0x80}, 0, {R, R, R}},
-           {{0xF4, 0x90, 0x80}, 0, {R, R, R}}, {{0xF5, 0x80}, 0, {R, R}},
-           {{0xF8, 0x88, 0x80, 0x80, 0x80}, 0, {R, R, R, R, R}}, {{0xFF}, 0, {R}},
-           {{0xE2, 0x82, 0x41}, 0, {R, 0x41}}, {{0xF0, 0x9F, 0x98, 0xC0}, 0, {R, R}},
-           {{0xE2, 0xC3, 0xA9}, 0, {R, 0xE9}}, {{0xC3, 0xA9, 0xA9}, 2, {0xE9, R}}}) {
-      // isLegalUTF8Sequence judges the first sequence only.
-      EXPECT_EQ(isLegalUTF8Sequence(&c.bytes[0], &c.bytes[0] + c.bytes.size()), c.legalBytes > 0);
-      EXPECT_FALSE(isLegalUTF8Sequence(&c.bytes[0], &c.bytes[0]));
-      for (bool atEnd : {false, true}) {
-         U8 src = {0x61};
-         src.insert(src.end(), c.bytes.begin(), c.bytes.end());
-         U32 want = {0x61};
-         want.insert(want.end(), c.lenient.begin(), c.lenient.end());
-         if (!atEnd) {
-            src.push_back(0x7A), want.push_back(0x7A);
-         }
-         SCOPED_TRACE(testing::Message() << std::hex << int(c.bytes[0]) << " at end " << atEnd);
-         EXPECT_TRUE(isLegalUTF8Sequence(&src[0], &src[0] + src.size()));  // "a", then anything
-         auto s32 = Convert(ConvertUTF8toUTF32, src, kStrict);
-         EXPECT_TRUE(s32.result == sourceIllegal && s32.consumed == 1 + c.legalBytes);
-         EXPECT_EQ(Convert(ConvertUTF8toUTF32, src, kLenient),
-                   (O32{conversionOK, src.size(), want}));
+           {{0x41, 0xC0, 0x80, 0x42}, sourceIllegal, 1},        // overlong
+           {{0x41, 0x80, 0x42}, sourceIllegal, 1},              // lone continuation
+           {{0x41, 0x80}, sourceIllegal, 1},                    // ... at the end too
+           {{0x61, 0xE0, 0x9F, 0x80}, sourceIllegal, 1},        // overlong, 3 bytes
+           {{0x61, 0xF0, 0x8F, 0xBF, 0xBF}, sourceIllegal, 1},  // overlong, 4 bytes
+           {{0x61, 0xED, 0xA0, 0x80}, sourceIllegal, 1},        // surrogate
+           {{0x61, 0xF4, 0x90, 0x80, 0x80}, sourceIllegal, 1},  // above U+10FFFF
+           {{0x61, 0xF5, 0x80, 0x80, 0x80}, sourceIllegal, 1},  // lead above F4
+           {{0x61, 0xF8, 0x88, 0x80, 0x80, 0x80}, sourceIllegal, 1},  // 5-byte form
+           {{0x61, 0xE2, 0x82, 0x41}, sourceIllegal, 1},        // cut by ASCII
+           {{0x61, 0xE2, 0xC3, 0xA9, 0x7A}, sourceIllegal, 1},  // cut by a lead
+           {{0xC3, 0xA9, 0xA9, 0x7A}, sourceIllegal, 2},        // extra continuation
+           {{0x41, 0xE2, 0x28}, sourceExhausted, 1},  // E2 announces 3 bytes, 2 are left
+           {{0x61, 0xF5, 0x80, 0x7A}, sourceExhausted, 1},
+           {{0x61, 0xFF, 0x7A}, sourceExhausted, 1},  // FF announces 6
+       }) {
+      SCOPED_TRACE(testing::Message() << std::hex << int(c.src[c.consumed]));
+      auto prefix = Convert(ConvertUTF8toUTF32, U8(&c.src[0], &c.src[c.consumed]), kStrict);
+      ASSERT_EQ(prefix.result, conversionOK);
+      for (auto flags : {kStrict, kLenient}) {
+         EXPECT_EQ(Convert(ConvertUTF8toUTF32, c.src, flags), (O32{c.result, c.consumed, prefix.out}));
+         auto o16 = Convert(ConvertUTF8toUTF16, c.src, flags);
+         EXPECT_TRUE(o16.result == c.result && o16.consumed == c.consumed);
       }
+      EXPECT_FALSE(isLegalUTF8Sequence(&c.src[c.consumed], &c.src[0] + c.src.size()));
+      EXPECT_TRUE(isLegalUTF8Sequence(&c.src[0], &c.src[0] + c.src.size()));
    }
+   const UTF8 x = 0x41;
+   EXPECT_FALSE(isLegalUTF8Sequence(&x, &x));
 }
 
 }  // namespace

@@ -36,6 +36,24 @@ TEST(DynBufGrowth, DoublesFrom128ThenStepsBy262144AndRequiredSizeWins) {
    ASSERT_TRUE(DynBuf_Enlarge(&b, 2000000));
    EXPECT_EQ(b.allocated, 2000000u);
    DynBuf_Destroy(&b);
+   // Enlarge grows by the rule on every call, whether or not the minimum fits.
+   std::vector<uint64_t> enlarged;
+   for (uint64_t minSize : {1, 100, 256, 0}) {
+      ASSERT_TRUE(DynBuf_Enlarge(&b, minSize));
+      enlarged.push_back(b.allocated);
+   }
+   DynBuf_SafeEnlarge(&b, 1);
+   enlarged.push_back(b.allocated);
+   EXPECT_EQ(enlarged, (std::vector<uint64_t>{128, 256, 512, 1024, 2048}));
+   // Pieces of every short length land whole when they fit.
+   const std::string text = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKL";
+   std::string want;
+   for (size_t n = 0; n <= 20; n++) {
+      ASSERT_TRUE(DynBuf_Append(&b, text.data() + n, n));
+      want.append(text, n, n);
+   }
+   EXPECT_EQ(Contents(b), want);
+   DynBuf_Destroy(&b);
 }
 
 TEST(DynBufFailure, RefusedOrWrappingGrowthLeavesTheBufferUnchanged) {
@@ -47,7 +65,7 @@ TEST(DynBufFailure, RefusedOrWrappingGrowthLeavesTheBufferUnchanged) {
       const auto before = State(b), destBefore = State(dest);
       {
          Seam seam(true);
-         EXPECT_FALSE(DynBuf_Enlarge(&b, b.allocated + 1));
+         EXPECT_FALSE(DynBuf_Enlarge(&b, 0));
          EXPECT_FALSE(DynBuf_Append(&b, "xy", 2));
          EXPECT_FALSE(DynBuf_Insert(&b, 0, "xy", 2));
          EXPECT_TRUE(b.allocated == 0 || !DynBuf_Copy(&b, &dest));

@@ -1,5 +1,5 @@
-// ecvt and fcvt share static storage: without the engine's mutex, threads
-// formatting floats at once would read each other's digits.
+// The C library's ecvt and fcvt share static storage; the engine's digits
+// must not, or threads formatting floats at once read each other's digits.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
