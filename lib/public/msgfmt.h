@@ -12,7 +12,7 @@
  * precision come only as digits: there is no "*".
  *
  * Capture reads one value per position, in position order, with the C type
- * the specification implies, and copies strings. A string that is a text
+ * the conversion implies, and copies strings. A string that is a text
  * from Err_Errno2String is kept as an error string with its number.
  *
  *    MsgFmt_Arg *args; int n; char *error;
