@@ -1,5 +1,5 @@
 # halcyx_add_test(NAME SOURCES src... [LIBS lib...] [LABELS label]
-#                  [DEFINITIONS def...] [DEPENDS target...])
+#                  [DEFINITIONS def...] [DEPENDS target...] [TIMEOUT seconds])
 #
 # One GoogleTest executable, each of its tests registered with CTest under
 # one label: "unit" (the default), "concurrency" (also built and run under
@@ -17,7 +17,15 @@ set(HALCYX_TEST_ENV
     "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1")
 
 function(halcyx_add_test name)
-  cmake_parse_arguments(T "" "LABELS" "SOURCES;LIBS;DEFINITIONS;DEPENDS" ${ARGN})
+  cmake_parse_arguments(T "" "LABELS;TIMEOUT" "SOURCES;LIBS;DEFINITIONS;DEPENDS" ${ARGN})
+  # A test with a long time-out is a long test: a high cost makes CTest
+  # start it first, so it runs beside the short ones instead of after them.
+  set(T_COST 0)
+  if(T_TIMEOUT)
+    set(T_COST ${T_TIMEOUT})
+  else()
+    set(T_TIMEOUT 300)
+  endif()
   set(T_LABEL ${T_LABELS})
   if(NOT T_LABEL)
     set(T_LABEL unit)
@@ -33,5 +41,5 @@ function(halcyx_add_test name)
   endif()
   gtest_discover_tests(${name}
     DISCOVERY_TIMEOUT 120
-    PROPERTIES LABELS ${T_LABEL} TIMEOUT 300)
+    PROPERTIES LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT} COST ${T_COST})
 endfunction()

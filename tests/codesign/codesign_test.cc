@@ -9,6 +9,8 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -56,8 +58,9 @@ std::string DerOf(const std::string &pemPath) {
 }
 
 // Each test works in its own temporary directory; the PKI and the admin
-// store live under the build tree, whose directories are root's and not
-// writable by others, as the store's ownership rule demands.
+// store live under the build tree. The admin-store test needs a store whose
+// every ancestor is root's and not writable by others, which a tree under
+// /tmp is not: it moves the store onto a private tmpfs (RootOnlyStore).
 class Codesign : public halcyx::test::TempDirTest {
 protected:
    static void SetUpTestSuite() {
@@ -412,10 +415,31 @@ TEST_F(Codesign, LargeFilesHashedEitherWay) {
    }
 }
 
+// A directory whose every ancestor is root's and writable by nobody else:
+// a tmpfs on /mnt in a mount namespace of this test process alone, so the
+// host's mounts never change. Empty when that cannot be had.
+std::string RootOnlyStore() {
+   struct stat st;
+   if (stat("/mnt", &st) != 0 || st.st_uid != 0 || (st.st_mode & 022) != 0 ||
+       unshare(CLONE_NEWNS) != 0 ||
+       mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+       mount("tmpfs", "/mnt", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") != 0 ||
+       mkdir("/mnt/trust", 0755) != 0) {
+      return "";
+   }
+   return "/mnt/trust";
+}
+
 TEST_F(Codesign, AdminStoreAddsAnchorsOnlyWhenRootOnly) {
    if (geteuid() != 0) {
       GTEST_SKIP() << "needs root to own and chown the store";
    }
+   const std::string store = RootOnlyStore();
+   if (store.empty()) {
+      GTEST_SKIP() << "no private mount namespace for a root-only store";
+   }
+   TrustPolicy policy = policy_;
+   policy.adminStore = store;
    std::string path = MakeFile("tool");
    SignWith(path, "adminleaf", "com.zorvex.tool");
    std::string vendorPath = MakeFile("vendor");
@@ -431,7 +455,6 @@ TEST_F(Codesign, AdminStoreAddsAnchorsOnlyWhenRootOnly) {
       return ReadSignatureObjects(fd.get(), &objs) == ReadStatus::Ok &&
              CheckSignature(fd.get(), objs, p, &ev, &why) && EvaluateRequirement(trusted, ev);
    };
-   const std::string store = policy_.adminStore;
    ASSERT_EQ(Shell("cp " + Pki("admin.pem") + " " + Pki("attacker.pem") + " " + store), 0);
    struct {
       const char *what;
@@ -449,7 +472,7 @@ TEST_F(Codesign, AdminStoreAddsAnchorsOnlyWhenRootOnly) {
       snprintf(cmd, sizeof cmd, c.setup, store.c_str(), store.c_str(), store.c_str(),
                store.c_str());
       ASSERT_EQ(Shell(cmd), 0) << cmd;
-      EXPECT_EQ(trustedBy(path, policy_), c.trusted) << c.what;
+      EXPECT_EQ(trustedBy(path, policy), c.trusted) << c.what;
       Shell("rm -f '" + store + "' 2>/dev/null; [ -d '" + store + ".real' ] && mv '" + store +
           ".real' '" + store + "'; chown -R 0 '" + store + "'; chmod 755 '" + store + "'");
    }
@@ -457,10 +480,10 @@ TEST_F(Codesign, AdminStoreAddsAnchorsOnlyWhenRootOnly) {
    // subject satisfies "anchor trusted" but never the product requirement.
    std::string genuine = MakeFile("genuine");
    SignWith(genuine, "zorvex", "com.zorvex.tool");
-   EXPECT_TRUE(trustedBy(vendorPath, policy_));
-   EXPECT_EQ(Verify(vendorPath, "com.zorvex.tool"), 7);
-   EXPECT_EQ(Verify(genuine, "com.zorvex.tool"), 0);
-   EXPECT_EQ(Verify(path, "com.zorvex.tool"), 7);
+   EXPECT_TRUE(trustedBy(vendorPath, policy));
+   EXPECT_EQ(VerifyPathWithPolicy(vendorPath.c_str(), "com.zorvex.tool", policy), 7);
+   EXPECT_EQ(VerifyPathWithPolicy(genuine.c_str(), "com.zorvex.tool", policy), 0);
+   EXPECT_EQ(VerifyPathWithPolicy(path.c_str(), "com.zorvex.tool", policy), 7);
    Shell("rm -f '" + store + "'/*.pem");
 }
 
