@@ -4,9 +4,9 @@
  * Two process-wide atomic hash tables, created once: number -> record and
  * text address -> record. A record and its text are never freed, which is
  * what lets callers keep the pointer and lets the reverse table key on the
- * address alone. Racing first callers for one number each build a record;
- * the number table's lookup-or-insert picks one winner and the others free
- * their own copies before anyone has seen them.
+ * address alone. Racing first callers for one number each build a record
+ * and enter it in the text table first; the number table's lookup-or-insert
+ * then picks one winner, whose text every caller gets.
  */
 #include "err.h"
 
@@ -80,15 +80,13 @@ const char *Err_Errno2String(int errorNumber) {
    auto *mine = static_cast<ErrorRecord *>(Util_SafeMalloc(sizeof(ErrorRecord)));
    mine->number = errorNumber;
    mine->text = MakeText(errorNumber);
+   // The reverse entry exists before the record can be found by number, so
+   // a racing caller that finds it there can translate its text back at once.
+   // A loser's record stays in the reverse table under a text that nobody is
+   // ever given: a few bytes per lost race, never a dangling entry.
+   HashTable_Insert(TextTable(), mine->text, mine);
    auto *record =
       static_cast<ErrorRecord *>(HashTable_LookupOrInsert(numbers, NumberKey(errorNumber), mine));
-   if (record != mine) {
-      free(mine->text);
-      free(mine);
-   }
-   // Losers enter the winner's record too, so that every caller that has
-   // returned can already translate its text back.
-   HashTable_Insert(TextTable(), record->text, record);
    return record->text;
 }
 
