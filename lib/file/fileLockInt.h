@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <sys/stat.h>
 
 #include "fileIO.h"
 #include "fileLock.h"
@@ -36,6 +37,11 @@ struct LockValues {
    bool exclusive = false;
    uint64_t startMsec = 0;              // monotonic
    uint32_t msecMaxWait = 0;
+   // The member file this was read from (device, inode, change time): a
+   // file of the same name made later is another request, never this one.
+   dev_t fileDevice = 0;
+   ino_t fileInode = 0;
+   struct timespec fileChanged = {};
 };
 void FreeValues(LockValues *values);
 

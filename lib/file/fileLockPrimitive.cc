@@ -268,6 +268,9 @@ int MemberValues(const char *lockDir, const char *name, LockValues *values) {
    FreeArgv(argv, argc);
    if (ok) {
       values->memberName = Util_SafeStrdup(name);
+      values->fileDevice = st.st_dev;
+      values->fileInode = st.st_ino;
+      values->fileChanged = st.st_ctim;
    }
    return err;
 }
@@ -391,6 +394,12 @@ uint32_t PollMsec(uint64_t elapsed) {
    return elapsed < 20000 ? static_cast<uint32_t>(elapsed / 10) : 2000;
 }
 
+bool SameFile(const struct stat &st, const LockValues &member) {
+   return st.st_dev == member.fileDevice && st.st_ino == member.fileInode &&
+          st.st_ctim.tv_sec == member.fileChanged.tv_sec &&
+          st.st_ctim.tv_nsec == member.fileChanged.tv_nsec;
+}
+
 int WaitForPossession(const char *lockDir, const char *fileName, LockValues *member,
                       LockValues *caller) {
    const char *fn = "FileLockWaitForPossession";
@@ -412,6 +421,12 @@ int WaitForPossession(const char *lockDir, const char *fileName, LockValues *mem
       struct stat st;
       if (stat(path.get(), &st) != 0) {
          return errno == ENOENT ? 0 : errno;
+      }
+      // The member's owner released it and has since made another member
+      // under the same name: that later request stands behind ours, and
+      // waiting on the name alone would wait for ever.
+      if (!SameFile(st, *member)) {
+         return 0;
       }
       if (local && !ValidExecutionID(member->executionID)) {
          Warning("FILE: %s discarding file '%s'; invalid executionID.\n", fn, path.get());
