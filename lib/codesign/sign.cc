@@ -84,7 +84,8 @@ bool SignBundle(int fd, const char *identifier, const Identity &id, std::string 
       return Fail(error, "the signature directory is not a directory");
    }
    if (!CollectSeal(fd, &seal)) {
-      return Fail(error, "the bundle holds a special file, a link leaving it, or too much");
+      return Fail(error, "the bundle holds a special file, a link leaving it, something "
+                         "besides the signature in Contents/_CodeSignature, or too much");
    }
    std::string resources = FormatCodeResources(seal);
    cd.infoPlistHash = Sha256(info.data(), info.size());
