@@ -199,6 +199,14 @@ bool AttachDetached(int fd, std::string_view data, std::string *error) {
        sigLen == 0 || sigLen > kMaxSignature) {
       return Fail(error, "the detached signature is malformed");
    }
+   // A signature that cannot be valid for this file is not attached to it.
+   Digest hash;
+   uint64_t size = 0;
+   if (static_cast<uint64_t>(st.st_size) != cd.contentSize ||
+       !HashFd(fd, &hash, &size, cd.contentSize) || size != cd.contentSize ||
+       hash != cd.contentHash) {
+      return Fail(error, "the detached signature was made for other content");
+   }
    return SetFileSignature(fd, text, std::string(sigBytes, sigLen), error);
 }
 

@@ -587,6 +587,7 @@ TEST_F(Codesign, ToolExitStatusAndDetachedForm) {
       GTEST_SKIP() << "built with vendor roots: no development identity to sign with";
    }
    std::string path = MakeFile("tool");
+   std::string other = MakeFile("other", 4095);
    std::string id = devDir + "/developer.identity.pem";
    ASSERT_EQ(Shell("cp " + devDir + "/developer.chain.pem " + work_ + "/split.pem && cp " + devDir +
                    "/developer.key " + work_ + "/split.key"), 0);
@@ -604,10 +605,13 @@ TEST_F(Codesign, ToolExitStatusAndDetachedForm) {
       {"-v -R 'identifier (' " + path, 2},
       {"-d " + path + " | grep -qx Identifier=com.zorvex.tool", 0},
       {"--export " + path + ".sig " + path, 0},
+      {"--attach " + path + ".sig " + path, 1},  // already signed, no -f
+      {"--attach " + path + ".sig " + other, 1},  // made for other content
       {"--remove-signature " + path, 0},
       {"-v " + path, 1},
       {"--attach " + path + ".sig " + path, 0},
       {"-v " + path, 0},
+      {"--attach " + path + ".sig -f " + path, 0},
       {"-s " + Pki("noeku.identity.pem") + " -f " + path, 1},
       {"-s " + work_ + "/split.pem -f -i com.zorvex.tool " + path, 0},  // key in split.key
       {"-v " + path, 0},
