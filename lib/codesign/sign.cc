@@ -88,6 +88,10 @@ bool SignBundle(int fd, const char *identifier, const Identity &id, std::string 
                          "besides the signature in Contents/_CodeSignature, or too much");
    }
    std::string resources = FormatCodeResources(seal);
+   Seal readBack;
+   if (!ParseCodeResources(resources, &readBack)) {
+      return Fail(error, "the bundle holds a name that its seal cannot carry");
+   }
    cd.infoPlistHash = Sha256(info.data(), info.size());
    cd.resourcesHash = Sha256(resources.data(), resources.size());
    std::string text = FormatCodeDirectory(cd), sig;
