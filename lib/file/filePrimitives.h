@@ -45,8 +45,10 @@ int FileRemoveDirectory(const char *path);
 
 /*
  * unlink(path). With handleLink and path a symbolic link, the file the link
- * points to (its text as read) is unlinked first; a failure other than
- * ENOENT is returned and the link stays. A null path is EFAULT.
+ * points to is unlinked first; a failure other than ENOENT is returned and
+ * the link stays. A relative link text is taken from the link's own
+ * directory, never the current one, so the file removed is the one the link
+ * names. A null path is EFAULT.
  */
 int FileDeletion(const char *path, bool handleLink);
 
@@ -55,6 +57,13 @@ int FileDeletion(const char *path, bool handleLink);
  * they are stored, for work that must reach every entry (tree deletion).
  */
 int FileListDirectoryRaw(const char *path, char ***names);
+
+/*
+ * File_ListDirectory (raw: FileListDirectoryRaw) of the directory open on
+ * dirFd, read through a descriptor of its own so dirFd's position never
+ * moves. path names the directory in warnings only; it is never opened.
+ */
+int FileListDirectoryAt(int dirFd, const char *path, char ***names, bool raw);
 
 HALCYX_EXTERN_C_END
 
