@@ -33,8 +33,6 @@ int StoreErrno(int err) {
    return err;
 }
 
-int DeleteEntry(int dirFd, const std::string &dirPath, const char *name);
-
 bool IsExistingDirectory(const char *path, int *err) {
    FileData data;
    *err = FileAttributes(path, &data);
@@ -66,6 +64,8 @@ int CreateChainLink(const char *prefix, int mode, bool *created) {
    IsExistingDirectory(prefix, &err);
    return err;
 }
+
+int DeleteEntry(int dirFd, const std::string &dirPath, const char *name);
 
 // Deletes every entry of the directory open on dirFd (named path in log
 // lines); 0 or the last error met. Every entry is attempted.

@@ -166,10 +166,6 @@ int ListWalk(WalkDirContext context, char ***names) {
    return static_cast<int>(count);
 }
 
-int ListDirectory(const char *path, char ***names, bool raw) {
-   return ListWalk(WalkStart(path, raw), names);
-}
-
 }  // namespace
 
 WalkDirContext File_WalkDirectoryStart(const char *path) {
@@ -223,11 +219,7 @@ void File_WalkDirectoryEnd(WalkDirContext context) {
 }
 
 int File_ListDirectory(const char *path, char ***names) {
-   return ListDirectory(path, names, false);
-}
-
-int FileListDirectoryRaw(const char *path, char ***names) {
-   return ListDirectory(path, names, true);
+   return ListWalk(WalkStart(path, false), names);
 }
 
 int FileListDirectoryAt(int dirFd, const char *path, char ***names, bool raw) {

@@ -53,15 +53,11 @@ int FileRemoveDirectory(const char *path);
 int FileDeletion(const char *path, bool handleLink);
 
 /*
- * As File_ListDirectory, but names that are not valid UTF-8 are listed as
- * they are stored, for work that must reach every entry (tree deletion).
- */
-int FileListDirectoryRaw(const char *path, char ***names);
-
-/*
- * File_ListDirectory (raw: FileListDirectoryRaw) of the directory open on
- * dirFd, read through a descriptor of its own so dirFd's position never
- * moves. path names the directory in warnings only; it is never opened.
+ * File_ListDirectory of the directory open on dirFd, read through a
+ * descriptor of its own so dirFd's position never moves. With raw, names
+ * that are not valid UTF-8 are listed as they are stored, for work that
+ * must reach every entry (tree deletion). path names the directory in
+ * warnings only; it is never opened.
  */
 int FileListDirectoryAt(int dirFd, const char *path, char ***names, bool raw);
 
