@@ -188,6 +188,7 @@ struct LaunchRequest {
       Warning("%s: Couldn't chdir to /, error %u.\n", kTag, error);
       DaemonizeFail(statusFd, error);
    }
+   const int ownStatusFd = statusFd;
    int pidFd = req.pidFd;
    if ((req.flags & HOSTINFO_DAEMONIZE_NOSETSID) == 0) {
       statusFd = AboveStdio(statusFd);
@@ -211,8 +212,12 @@ struct LaunchRequest {
          close(pidFd);
       }
    }
+   // A kept number that named nothing in the caller may name the status
+   // pipe or the PID file since: neither may reach the daemon.
    for (size_t i = 0; i < req.numKeepFds; i++) {
-      Inherit(req.keepFds[i]);
+      if (req.keepFds[i] != ownStatusFd && req.keepFds[i] != req.pidFd) {
+         Inherit(req.keepFds[i]);
+      }
    }
    if (execv(req.path, req.args) != -1) {
       halcyx::PanicNotReached("lib/misc/hostinfoPosix", 3381);

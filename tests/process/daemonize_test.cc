@@ -153,6 +153,25 @@ TEST_F(Daemonize, KeptStandardDescriptorsKeepTheirNumbers) {
    EXPECT_EQ(fs::read_symlink(proc + "2"), fs::read_symlink(self + std::to_string(hold_[1])));
 }
 
+// A kept number that names nothing in the caller is the next one free, so
+// the launch's own status pipe takes it: it must not reach the daemon, or
+// the caller waits for the daemon's end to learn that it started.
+TEST_F(Daemonize, AKeptNumberThatNamedNothingPassesNothingOfTheLaunchs) {
+   Pipes();
+   ChildResult r = RunInChild([&] {
+      int readEnd = dup(0), writeEnd = dup(0);
+      close(readEnd);
+      close(writeEnd);
+      kept_[3] = writeEnd;
+      alarm(5);
+      _exit(Launch(0, "") ? 0 : 1);
+   });
+   close(report_[1]);
+   close(hold_[0]);
+   EXPECT_EQ(r.ExitCode(), 0) << "-1: still waiting after 5 s";
+   EXPECT_GT(ReportedPid(), 0);
+}
+
 // Signals 1 to 32 go back to their default action; the real-time signals
 // above keep the action the caller chose.
 TEST(ResetProcessState, ResetsTheClassicSignalsOnly) {
