@@ -13,8 +13,9 @@
  * va_list in position order, which is the order the caller pushed them.
  * Only then are strings copied, either to the heap one by one or laid out
  * in a caller's buffer. Positions are bounded by the format's length (no
- * format of n bytes can use more than n/2 positions without a gap), so no
- * format makes capture allocate more than its own size allows.
+ * format of n bytes can use more than n/2 positions without a gap): larger
+ * ones are kept in a small table of their own, only to find conflicting
+ * types, so no format makes capture allocate more than its own size allows.
  */
 #include "msgfmt.h"
 
