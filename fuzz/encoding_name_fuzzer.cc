@@ -1,6 +1,8 @@
 // Fuzzes encoding-name lookup: any name gives unknown or a valid enumerator,
 // the same answer again from the cache, and an enumerator whose preferred
-// name leads back to it.
+// name leads back to it. A name spelled with the other case gives the same
+// answer whether or not the first spelling was looked up before it.
+#include <cctype>
 #include <cstdint>
 #include <string>
 
@@ -23,6 +25,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
    if (e != UNICODE_ENCODING_UNKNOWN) {
       CHECK(Unicode_EncodingNameToEnum(Unicode_EncodingEnumToName(e)) == e);
    }
+   std::string other = name;
+   for (char &c : other) {
+      unsigned char u = static_cast<unsigned char>(c);
+      c = static_cast<char>(std::isupper(u) ? std::tolower(u) : std::toupper(u));
+   }
+   Unicode_Shutdown();
+   int32_t fresh = Unicode_EncodingNameToEnum(other.c_str());
+   Unicode_Shutdown();
+   CHECK(Unicode_EncodingNameToEnum(name.c_str()) == e);
+   CHECK(Unicode_EncodingNameToEnum(other.c_str()) == fresh);
    if (size > 0 && data[0] == '!') {
       Unicode_Shutdown();  // a later lookup builds the cache again
    }

@@ -172,6 +172,8 @@ bool CodeSetIcuGenericToGenericDb(const char *codeIn, const char *bufIn, size_t 
    UChar *pivotSource = pivot;
    UChar *pivotTarget = pivot;
    const char *source = bufIn;
+   // What ICU wrote before it stopped is not part of a failed conversion.
+   const uint64_t start = db->size;
    for (;;) {
       char *target = db->data + db->size;
       UErrorCode err = U_ZERO_ERROR;
@@ -182,11 +184,10 @@ bool CodeSetIcuGenericToGenericDb(const char *codeIn, const char *bufIn, size_t 
       if (U_SUCCESS(err)) {
          return true;
       }
-      if (err != U_BUFFER_OVERFLOW_ERROR) {
-         return false;
-      }
       uint64_t doubled = 2 * db->allocated;
-      if (doubled < db->allocated || !DynBuf_Enlarge(db, doubled)) {
+      if (err != U_BUFFER_OVERFLOW_ERROR || doubled < db->allocated ||
+          !DynBuf_Enlarge(db, doubled)) {
+         db->size = start;
          return false;
       }
    }

@@ -202,12 +202,18 @@ size_t Encode(Form form, uint32_t cp, uint8_t *out) {
    }
 }
 
-// flags is one of the three known values.
+// flags is one of the three known values. A failure leaves db's contents as
+// they were, though its allocation may have grown.
 bool Convert(Form from, const char *bufIn, size_t sizeIn, Form to, unsigned int flags,
              DynBuf *db) {
    if (from == Form::kNone || to == Form::kNone) {
       return false;
    }
+   const uint64_t start = db->size;
+   auto fail = [db, start] {
+      db->size = start;
+      return false;
+   };
    auto p = reinterpret_cast<const uint8_t *>(bufIn);
    const uint8_t *end = p + sizeIn;
    while (p < end) {
@@ -216,7 +222,7 @@ bool Convert(Form from, const char *bufIn, size_t sizeIn, Form to, unsigned int 
       uint32_t cp = step.cp;
       if (!step.valid) {
          if (flags == CODESET_FLAG_STOP) {
-            return false;
+            return fail();
          }
          if (flags == CODESET_FLAG_SKIP) {
             continue;
@@ -224,13 +230,13 @@ bool Convert(Form from, const char *bufIn, size_t sizeIn, Form to, unsigned int 
          cp = kReplacement;
       }
       if (!halcyx::CodeSetReserve(db, 4)) {
-         return false;
+         return fail();
       }
       auto out = reinterpret_cast<uint8_t *>(db->data) + db->size;
       size_t n = Encode(to, cp, out);
       if (n == 0 && !IsDefaultIgnorable(cp)) {
          if (flags == CODESET_FLAG_STOP) {
-            return false;
+            return fail();
          }
          if (flags == CODESET_FLAG_SUBSTITUTE) {
             out[0] = kAsciiSubstitute;
@@ -243,7 +249,8 @@ bool Convert(Form from, const char *bufIn, size_t sizeIn, Form to, unsigned int 
 }
 
 // UTF-8 to UTF-16LE, stopping at the first error: the hot path of the
-// string layer. Runs of ASCII are widened 16 bytes at a time.
+// string layer. Runs of ASCII are widened 16 bytes at a time. db's size
+// moves only on success.
 bool Utf8ToUtf16leFast(const char *bufIn, size_t sizeIn, DynBuf *db) {
    // Every input byte gives at most one 16-bit unit.
    if (sizeIn > UINT64_MAX / 2 || !halcyx::CodeSetReserve(db, 2 * uint64_t{sizeIn})) {

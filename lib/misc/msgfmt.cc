@@ -13,8 +13,9 @@
  * va_list in position order, which is the order the caller pushed them.
  * Only then are strings copied, either to the heap one by one or laid out
  * in a caller's buffer. Positions are bounded by the format's length (no
- * format of n bytes can use more than n/2 positions without a gap), so no
- * format makes capture allocate more than its own size allows.
+ * format of n bytes can use more than n/2 positions without a gap): larger
+ * ones are kept in a small table of their own, only to find conflicting
+ * types, so no format makes capture allocate more than its own size allows.
  */
 #include "msgfmt.h"
 
@@ -51,8 +52,10 @@ constexpr bool IsBodyChar(unsigned char c) {
    return (c >= '0' && c <= '9') || Contains(" #'+-ILZhjlqtz.", c);
 }
 
-// The conversion characters of the formatting engine.
-constexpr bool IsConversion(unsigned char c) { return Contains("diouxXcspneEfFgGDOUCS", c); }
+// A specification ends at the first character that is neither a body
+// character nor outside the printable range below "{"; capture then refuses
+// the conversions it does not understand with a message of its own.
+constexpr bool IsConversion(unsigned char c) { return c >= ' ' && c <= 'z'; }
 
 int EmitLiteral(MsgFmt_LitFunc *litFunc, void *clientData, const char *start,
                 const char *end) {
@@ -75,62 +78,81 @@ int ReadPosition(const char *&p) {
 
 /*
  * What a specification body asks for: an argument type, or why it cannot
- * be captured. prefix is the character before the conversion, for the
- * "not supported" message.
+ * be captured. prefix is the size character that makes the conversion
+ * unsupported, for the "not supported" message.
  */
 enum class SpecProblem { kNone, kPercentN, kUnsupportedSize, kNotUnderstood };
 
 struct SpecClass {
    MsgFmt_ArgType type;
    SpecProblem problem;
+   char prefix;
 };
 
 // Size prefixes that matter for capture, the way the engine reads them.
 enum class SizeKind { kNone, kShort, kLong, kLongLong, kWide64 };
 
-SizeKind BodySize(const char *type, size_t length) {
+/*
+ * The size prefixes of a body, read as the formatting engine reads them:
+ * each prefix replaces the class chosen so far ("hh" and "ll" being the
+ * second "h" or "l" in a row), except that once an "L" or "q" has been
+ * seen a floating-point argument is a long double, whatever follows.
+ */
+struct BodySize {
    SizeKind size = SizeKind::kNone;
+   char sizeChar = '\0';        // the prefix that chose size
+   char longDoubleChar = '\0';  // "L" or "q" when one was seen
+};
+
+BodySize ReadBodySize(const char *type, size_t length) {
+   BodySize body;
    for (size_t i = 0; i < length; i++) {
-      switch (type[i]) {
+      char c = type[i];
+      switch (c) {
       case 'h':
-         size = SizeKind::kShort;
+         body.size = SizeKind::kShort;
          break;
       case 'l':
-         size = size == SizeKind::kLong ? SizeKind::kLongLong : SizeKind::kLong;
+         body.size = body.size == SizeKind::kLong ? SizeKind::kLongLong : SizeKind::kLong;
          break;
       case 'L':
       case 'q':
-         size = SizeKind::kLongLong;
+         body.size = SizeKind::kLongLong;
+         body.longDoubleChar = c;
          break;
       case 'j':
       case 't':
       case 'z':
       case 'Z':
-         size = SizeKind::kWide64;
+         body.size = SizeKind::kWide64;
          break;
       case 'I':
          if (i + 2 < length && type[i + 1] == '6' && type[i + 2] == '4') {
-            size = SizeKind::kLongLong;
+            body.size = SizeKind::kLongLong;
             i += 2;
          } else if (i + 2 < length && type[i + 1] == '3' && type[i + 2] == '2') {
-            size = SizeKind::kNone;
+            body.size = SizeKind::kNone;
             i += 2;
          } else {
-            size = SizeKind::kWide64;
+            body.size = SizeKind::kWide64;
          }
          break;
       default:
-         break;
+         continue;
       }
+      body.sizeChar = c;
    }
-   return size;
+   return body;
 }
 
 SpecClass ClassifySpec(const char *type, size_t length) {
    char conversion = type[length - 1];
-   SizeKind size = BodySize(type, length - 1);
-   auto ok = [](MsgFmt_ArgType t) { return SpecClass{t, SpecProblem::kNone}; };
-   constexpr SpecClass kUnsupported{MSGFMT_ARG_INVALID, SpecProblem::kUnsupportedSize};
+   BodySize body = ReadBodySize(type, length - 1);
+   SizeKind size = body.size;
+   auto ok = [](MsgFmt_ArgType t) { return SpecClass{t, SpecProblem::kNone, '\0'}; };
+   auto unsupported = [](char prefix) {
+      return SpecClass{MSGFMT_ARG_INVALID, SpecProblem::kUnsupportedSize, prefix};
+   };
 
    switch (conversion) {
    case 'd':
@@ -152,10 +174,10 @@ SpecClass ClassifySpec(const char *type, size_t length) {
       if (size == SizeKind::kNone || size == SizeKind::kShort) {
          return ok(MSGFMT_ARG_STRING8);
       }
-      return size == SizeKind::kLong ? ok(MSGFMT_ARG_STRING32) : kUnsupported;
+      return size == SizeKind::kLong ? ok(MSGFMT_ARG_STRING32) : unsupported(body.sizeChar);
    case 'S':
       return size == SizeKind::kNone || size == SizeKind::kLong ? ok(MSGFMT_ARG_STRING32)
-                                                                : kUnsupported;
+                                                                : unsupported(body.sizeChar);
    case 'p':
       return ok(sizeof(void *) == 8 ? MSGFMT_ARG_PTR64 : MSGFMT_ARG_PTR32);
    case 'e':
@@ -165,14 +187,76 @@ SpecClass ClassifySpec(const char *type, size_t length) {
    case 'g':
    case 'G':
       // A long double cannot be kept in a captured argument.
+      if (body.longDoubleChar != '\0') {
+         return unsupported(body.longDoubleChar);
+      }
       return size == SizeKind::kNone || size == SizeKind::kLong ? ok(MSGFMT_ARG_FLOAT64)
-                                                                : kUnsupported;
+                                                                : unsupported(body.sizeChar);
    case 'n':
-      return {MSGFMT_ARG_INVALID, SpecProblem::kPercentN};
+      return {MSGFMT_ARG_INVALID, SpecProblem::kPercentN, '\0'};
    default:
-      return {MSGFMT_ARG_INVALID, SpecProblem::kNotUnderstood};
+      return {MSGFMT_ARG_INVALID, SpecProblem::kNotUnderstood, '\0'};
    }
 }
+
+/*
+ * The types of positions above the capture limit, by open addressing. Such
+ * positions make the capture fail with a gap, but a conflict among their
+ * specifications is found first, as it is for any other position; the
+ * table holds one slot per distinct position, so it stays within the
+ * format's size whatever numbers the format names.
+ */
+struct SparseTypes {
+   struct Slot {
+      int position;  // 0 for a free slot
+      int32_t type;
+   };
+   Slot *slots = nullptr;
+   size_t capacity = 0;  // 0 or a power of two
+   size_t used = 0;
+
+   ~SparseTypes() { free(slots); }
+
+   // The type slot of position (0 when new), or null when memory runs out.
+   int32_t *Find(int position) {
+      if (2 * (used + 1) > capacity && !Grow()) {
+         return nullptr;
+      }
+      Slot &slot = Probe(slots, capacity, position);
+      if (slot.position == 0) {
+         slot = {position, MSGFMT_ARG_INVALID};
+         used++;
+      }
+      return &slot.type;
+   }
+
+private:
+   static Slot &Probe(Slot *table, size_t size, int position) {
+      size_t i = (static_cast<size_t>(position) * 0x9E3779B1u) & (size - 1);
+      while (table[i].position != 0 && table[i].position != position) {
+         i = (i + 1) & (size - 1);
+      }
+      return table[i];
+   }
+
+   bool Grow() {
+      size_t newCapacity = capacity == 0 ? 16 : 2 * capacity;
+      auto *grown = static_cast<Slot *>(halcyx::Malloc(newCapacity * sizeof(Slot)));
+      if (grown == nullptr) {
+         return false;
+      }
+      memset(grown, 0, newCapacity * sizeof(Slot));
+      for (size_t i = 0; i < capacity; i++) {
+         if (slots[i].position != 0) {
+            Probe(grown, newCapacity, slots[i].position) = slots[i];
+         }
+      }
+      free(slots);
+      slots = grown;
+      capacity = newCapacity;
+      return true;
+   }
+};
 
 /*
  * Capture state. args[i] holds the type of position i + 1 (0 while no
@@ -182,8 +266,8 @@ struct Capture {
    MsgFmt_Arg *args = nullptr;
    int capacity = 0;
    int maxPosition = 0;
-   int positionLimit = 0;     // positions above it are certain gaps
-   bool beyondLimit = false;  // some specification used such a position
+   int positionLimit = 0;  // positions above it are certain gaps
+   SparseTypes beyondLimit;  // the types of such positions
    char error[512] = "";
 
    ~Capture() { free(args); }
@@ -229,7 +313,7 @@ int MsgFmtGetArg1(void *clientData, int position, const char *pos, size_t posLen
       return MSGFMT_BAD_FORMAT;
    case SpecProblem::kUnsupportedSize:
       state->SetError("MsgFmtGetArg1: %%%c%c not supported, pos \"%.*s\", type \"%.*s\"",
-                      type[typeLength - 2], conversion, posLen, pos, typeLen, type);
+                      spec.prefix, conversion, posLen, pos, typeLen, type);
       return MSGFMT_BAD_FORMAT;
    case SpecProblem::kNotUnderstood:
       state->SetError("MsgFmtGetArg1: %%%c not understood, pos \"%.*s\", type \"%.*s\"",
@@ -237,22 +321,23 @@ int MsgFmtGetArg1(void *clientData, int position, const char *pos, size_t posLen
       return MSGFMT_BAD_FORMAT;
    }
 
+   int32_t *known;
    if (position > state->positionLimit) {
-      state->beyondLimit = true;
-      return MSGFMT_OK;
+      known = state->beyondLimit.Find(position);
+   } else {
+      known = state->Grow(position) ? &state->args[position - 1].type : nullptr;
    }
-   if (!state->Grow(position)) {
+   if (known == nullptr) {
       return MSGFMT_NO_MEMORY;
    }
-   MsgFmt_Arg &arg = state->args[position - 1];
-   if (arg.type != MSGFMT_ARG_INVALID && arg.type != spec.type) {
+   if (*known != MSGFMT_ARG_INVALID && *known != spec.type) {
       state->SetError("MsgFmtGetArg1: incompatible specifiers for argument %d, old type %d, "
                       "new type %d, pos \"%.*s\", type \"%.*s\"",
-                      position, arg.type, spec.type, posLen, pos, typeLen, type);
+                      position, *known, spec.type, posLen, pos, typeLen, type);
       return MSGFMT_BAD_FORMAT;
    }
-   arg.type = spec.type;
-   if (position > state->maxPosition) {
+   *known = spec.type;
+   if (position <= state->positionLimit && position > state->maxPosition) {
       state->maxPosition = position;
    }
    return MSGFMT_OK;
@@ -265,7 +350,7 @@ int FirstGap(const Capture &state) {
          return i + 1;
       }
    }
-   return state.beyondLimit ? state.maxPosition + 1 : 0;
+   return state.beyondLimit.used != 0 ? state.maxPosition + 1 : 0;
 }
 
 void ReadValues(MsgFmt_Arg *args, int numArgs, va_list va) {

@@ -14,8 +14,9 @@
  *     4 zero bytes, so it is terminated for 8-, 16- and 32-bit units alike,
  *     and store its length without those 4 bytes in *sizeOut when sizeOut is
  *     not null. On failure they return false and leave *bufOut untouched.
- *   - The "Db" forms append to a DynBuf; on failure the buffer may have
- *     grown but its contents are unspecified beyond the original size.
+ *   - The "Db" forms append to a DynBuf; on failure its size and contents
+ *     are as they were (its allocation may have grown), whichever engine
+ *     converted.
  *   - flags: CODESET_FLAG_STOP fails at the first invalid or unmappable
  *     sequence, CODESET_FLAG_SUBSTITUTE replaces it with the converter's
  *     substitution character, CODESET_FLAG_SKIP drops it. Any other value

@@ -5,8 +5,11 @@
  *
  * A format holds literal text and specifications "%[N$]body", where body
  * is any run of the flag and size characters " #'+-ILZhjlqtz.0123456789"
- * ended by one conversion character of the formatting engine
- * (d i o u x X c s p n e E f F g G and D O U C S). "%%" is a literal "%".
+ * ended by one conversion character: any other character from " " to "z"
+ * (a character outside that range is a format error). Capture takes the
+ * conversions of the formatting engine (d i o u x X c s p e E f F g G and
+ * D O U C S) and refuses any other with its own message. "%%" is a
+ * literal "%".
  * Either every specification names its position (%N$, N from 1) or none
  * does; non-positional ones are numbered 1, 2, 3 ... in order. Width and
  * precision come only as digits: there is no "*".

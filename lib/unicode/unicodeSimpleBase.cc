@@ -37,6 +37,26 @@ size_t UnitWidth(int32_t encoding) {
    }
 }
 
+/*
+ * The code-set name to convert a resolved encoding with. The table's names
+ * for the host-order encodings ("UTF-16", "UTF-32") name the converters that
+ * read a byte-order mark, default to big-endian and write a mark, so those
+ * two are converted under the explicit name of this host's byte order.
+ */
+const char *ConverterName(int32_t encoding) {
+   constexpr bool kBigEndianHost = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__;
+   switch (encoding) {
+   case UNICODE_ENCODING_UTF16_XE:
+      return Unicode_EncodingEnumToName(kBigEndianHost ? UNICODE_ENCODING_UTF16_BE
+                                                       : UNICODE_ENCODING_UTF16_LE);
+   case UNICODE_ENCODING_UTF32_XE:
+      return Unicode_EncodingEnumToName(kBigEndianHost ? UNICODE_ENCODING_UTF32_BE
+                                                       : UNICODE_ENCODING_UTF32_LE);
+   default:
+      return Unicode_EncodingEnumToName(encoding);
+   }
+}
+
 // A copy of length bytes with one terminating NUL, or null.
 char *CopyWithTerminator(const void *bytes, size_t length) {
    auto copy = static_cast<char *>(malloc(length + 1));
@@ -131,8 +151,7 @@ bool Unicode_IsBufferValid(const void *buffer, ssize_t lengthInBytes, int32_t en
    if (lengthInBytes < 0) {
       lengthInBytes = Unicode_LengthInBytes(buffer, encoding);
    }
-   return CodeSet_Validate(bytes, static_cast<size_t>(lengthInBytes),
-                           Unicode_EncodingEnumToName(encoding));
+   return CodeSet_Validate(bytes, static_cast<size_t>(lengthInBytes), ConverterName(encoding));
 }
 
 char *Unicode_EscapeBuffer(const void *buffer, ssize_t lengthInBytes, int32_t encoding) {
@@ -177,7 +196,7 @@ char *UnicodeAllocInternal(const void *buffer, ssize_t lengthInBytes, int32_t en
    auto length = static_cast<size_t>(lengthInBytes);
    char *result = nullptr;
    if (!strict) {
-      CodeSet_GenericToGeneric(Unicode_EncodingEnumToName(encoding), bytes, length, "UTF-8",
+      CodeSet_GenericToGeneric(ConverterName(encoding), bytes, length, "UTF-8",
                                CODESET_FLAG_SUBSTITUTE, &result, nullptr);
       return result;
    }
@@ -191,7 +210,7 @@ char *UnicodeAllocInternal(const void *buffer, ssize_t lengthInBytes, int32_t en
       CodeSet_Utf16leToUtf8(bytes, length, &result, nullptr);
       return result;
    default:
-      CodeSet_GenericToGeneric(Unicode_EncodingEnumToName(encoding), bytes, length, "UTF-8",
+      CodeSet_GenericToGeneric(ConverterName(encoding), bytes, length, "UTF-8",
                                CODESET_FLAG_STOP, &result, nullptr);
       return result;
    }
@@ -237,8 +256,8 @@ void *UnicodeGetAllocBytesInternal(const char *str, int32_t encoding, ssize_t le
       }
       break;
    default:
-      CodeSet_GenericToGeneric("UTF-8", str, size, Unicode_EncodingEnumToName(encoding),
-                               CODESET_FLAG_STOP, &result, &resultSize);
+      CodeSet_GenericToGeneric("UTF-8", str, size, ConverterName(encoding), CODESET_FLAG_STOP,
+                               &result, &resultSize);
       break;
    }
    if (result != nullptr && resultLength != nullptr) {

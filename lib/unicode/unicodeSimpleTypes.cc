@@ -7,9 +7,11 @@
  * preferred name and aliases. A name is looked up by Windows code page
  * ("windows-NNNN"), then exactly, then by its letters and digits alone
  * without regard to case, each time in table order so that the first row
- * wins. Hits are remembered in a case-insensitive cache shared by all
- * threads (created once, lock-free); misses are not, so a bad name costs a
- * table walk and a log line every time.
+ * wins. Hits are remembered in a cache shared by all threads (created
+ * once, lock-free), keyed by the exact spelling: the exact comparison tells
+ * "ISO-8859-8-I" from "iso-8859-8-i", two rows apart, so a key that ignored
+ * case would let whichever came first answer for the other. Misses are not
+ * cached, so a bad name costs a table walk and a log line every time.
  */
 #include <atomic>
 #include <bit>
@@ -42,8 +44,8 @@ constexpr EncodingRow kEncodingTable[] = {
 };
 static_assert(std::size(kEncodingTable) == 325);
 
-// Name to row index; HASH_ISTRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY.
-constexpr int kCacheFlags = 0x19;
+// Name to row index; HASH_STRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY.
+constexpr int kCacheFlags = HASH_STRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY;
 constexpr uint32_t kCacheBuckets = 128;
 HashTable *gNameCache;
 

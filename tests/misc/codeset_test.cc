@@ -187,6 +187,16 @@ TEST(Conversion, FlagsDecideTheFateOfBadInput) {
       EXPECT_EQ(Convert("latin1", "a", "UTF-8", 0).ok, withIcu);
       EXPECT_FALSE(Convert(nullptr, "a", "UTF-8", 0).ok);
       EXPECT_FALSE(Convert("UTF-8", "a", "no-such-set", 0).ok);
+      // A failure leaves a caller's buffer as it was, whatever had been converted.
+      for (const char *to : {"UTF-16LE", "UTF-16BE", "US-ASCII", "UTF-8"}) {
+         DynBuf db;
+         DynBuf_Init(&db);
+         ASSERT_TRUE(DynBuf_Append(&db, "keep", 4));
+         EXPECT_FALSE(CodeSet_GenericToGenericDb("UTF-8", "ab\xC3\x28", 4, to, 0, &db));
+         EXPECT_FALSE(CodeSet_Utf16leToUtf8Db("a\0\x00\xDC", 4, &db));
+         EXPECT_EQ(std::string(db.data, db.size), "keep") << to << (withIcu ? " ICU" : "");
+         DynBuf_Destroy(&db);
+      }
       auto r = RunInChild([] { Convert("UTF-8", "a", "UTF-16LE", 3); });
       EXPECT_EQ(r.ExitCode(), 1);
       EXPECT_NE(r.out.find("NOT_IMPLEMENTED lib/misc/codeset:"), std::string::npos) << r.out;

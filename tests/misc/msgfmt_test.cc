@@ -49,13 +49,13 @@ TEST(MsgFmtParse, LiteralsSpecificationsAndMalformedFormats) {
       {"%10s|%010d", 0, "{1:1:10s}|{2:2:010d}"},  // digits without "$" are a width
       {"%1$s %s", MSGFMT_BAD_FORMAT, nullptr},
       {"%s %1$s", MSGFMT_BAD_FORMAT, nullptr},
-      {"%*d", MSGFMT_BAD_FORMAT, nullptr},
-      {"%b", MSGFMT_BAD_FORMAT, nullptr},
+      {"%*d|%-5$x", 0, "{1:1:*}d|{2:2:-5$}x"},  // capture judges the conversion
+      {"%5{", MSGFMT_BAD_FORMAT, nullptr},
       {"%5\x01", MSGFMT_BAD_FORMAT, nullptr},
       {"%\xc3\xa9", MSGFMT_BAD_FORMAT, nullptr},
       {"tail %", MSGFMT_BAD_FORMAT, nullptr},
       {"tail %-5", MSGFMT_BAD_FORMAT, nullptr},
-      {"%0$s", MSGFMT_BAD_FORMAT, nullptr},  // "0" is a flag, "$" is not
+      {"%0$s", 0, "{1:1:0$}s"},  // "0" is a flag: "$" ends the body
       {"%99999999999$s", MSGFMT_BAD_FORMAT, nullptr},
    };
    for (const Case &c : cases) {
@@ -123,14 +123,21 @@ TEST(MsgFmtCapture, ErrorTexts) {
       {"%2$s", "MsgFmt_GetArgs: gap in arguments at position 1"},
       {"%1$s %3$d", "MsgFmt_GetArgs: gap in arguments at position 2"},
       {"%1$d %99999$d", "MsgFmt_GetArgs: gap in arguments at position 2"},
+      {"%1$d %9$d %9$s",
+       "MsgFmtGetArg1: incompatible specifiers for argument 9, old type 1, new type 6, "
+       "pos \"9\", type \"s\""},
       {"%1$d %2$s %1$s",
        "MsgFmtGetArg1: incompatible specifiers for argument 1, old type 1, new type 6, "
        "pos \"1\", type \"s\""},
       {"%d %n", "MsgFmtGetArg1: %n not supported, pos \"2\", type \"n\""},
       {"%Lf", "MsgFmtGetArg1: %Lf not supported, pos \"1\", type \"Lf\""},
+      {"%Llf", "MsgFmtGetArg1: %Lf not supported, pos \"1\", type \"Llf\""},
+      {"%2$qlg %1$d", "MsgFmtGetArg1: %qg not supported, pos \"2\", type \"qlg\""},
       {"%1$zs", "MsgFmtGetArg1: %zs not supported, pos \"1\", type \"zs\""},
       {"%1$s %s", "MsgFmt_GetArgs: error in format string"},
-      {"%y", "MsgFmt_GetArgs: error in format string"},
+      {"%y", "MsgFmtGetArg1: %y not understood, pos \"1\", type \"y\""},
+      {"%d %-*d", "MsgFmtGetArg1: %* not understood, pos \"2\", type \"-*\""},
+      {"%\x7f", "MsgFmt_GetArgs: error in format string"},
    };
    for (const Case &c : cases) {
       Captured got;
@@ -207,6 +214,10 @@ TEST(MsgFmtAsprintf, RefusesArgumentsThatDoNotFit) {
    EXPECT_EQ(MsgFmt_Asprintf(nullptr, "%d %s %d", got.args, got.numArgs), nullptr);
    EXPECT_EQ(MsgFmt_Asprintf(nullptr, "%s %s", got.args, got.numArgs), nullptr);
    EXPECT_EQ(MsgFmt_Asprintf(nullptr, "%d %n", got.args, got.numArgs), nullptr);
+   Captured real;
+   Capture(&real, "%f", 1.5);
+   ASSERT_TRUE(real.ok);
+   EXPECT_EQ(MsgFmt_Asprintf(nullptr, "%Llf", real.args, real.numArgs), nullptr);
    char *ok = MsgFmt_Asprintf(nullptr, "%2$s=%1$d", got.args, got.numArgs);
    EXPECT_STREQ(ok, "x=1");
    free(ok);

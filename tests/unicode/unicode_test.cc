@@ -35,9 +35,14 @@ TEST(EncodingNames, LookupsAndSpellings) {
    for (const auto &c : kCases) {
       EXPECT_EQ(Unicode_EncodingNameToEnum(c.name), c.expected) << c.name;
    }
-   // Twice: the second answer comes from the cache, case-insensitively.
+   // Twice: the second answer comes from the cache, which never changes an
+   // answer, even for names that differ only in case.
    EXPECT_EQ(Unicode_EncodingNameToEnum("LATIN1"), 8);
    EXPECT_EQ(Unicode_EncodingNameToEnum("LATIN1"), 8);
+   for (int round = 0; round < 2; round++) {
+      EXPECT_EQ(Unicode_EncodingNameToEnum("iso-8859-8-i"), -2);
+      EXPECT_EQ(Unicode_EncodingNameToEnum("ISO-8859-8-I"), 107);
+   }
    Unicode_Shutdown();
    EXPECT_EQ(Unicode_EncodingNameToEnum("latin1"), 8);
 }
@@ -92,10 +97,19 @@ TEST(Alloc, FromEncodedBuffers) {
       s = Unicode_AllocWithLength("\0h\0i\0\0", -1, UNICODE_ENCODING_UTF16_BE);
       EXPECT_STREQ(s, "hi");
       free(s);
+      s = Unicode_AllocWithLength(utf16, 4, UNICODE_ENCODING_UTF16_XE);  // host order
+      EXPECT_STREQ(s, "h\xC3\xA9");
+      free(s);
       EXPECT_EQ(Unicode_AllocWithLength(nullptr, -1, 0), nullptr);
    }
    IcuEngine icu;
-   char *s = Unicode_AllocWithLength("caf\xE9", -1, 8);
+   const uint32_t utf32[] = {'h', 0x1F600, 0};
+   char *s = Unicode_AllocWithLength(utf32, -1, UNICODE_ENCODING_UTF32_XE);
+   EXPECT_STREQ(s, "h\xF0\x9F\x98\x80");
+   free(s);
+   const uint16_t lowSurrogate[] = {0xDC00, 0};
+   EXPECT_FALSE(Unicode_IsBufferValid(lowSurrogate, -1, UNICODE_ENCODING_UTF16_XE));
+   s = Unicode_AllocWithLength("caf\xE9", -1, 8);
    EXPECT_STREQ(s, "caf\xC3\xA9");
    free(s);
    s = UnicodeAllocInternal("a\xFF", 2, UNICODE_ENCODING_UTF8, false);
@@ -176,6 +190,21 @@ TEST(GetBytes, IntoEncodings) {
       EXPECT_EQ(w[0], 'h');
       EXPECT_EQ(w[1], 0xE9);
       EXPECT_EQ(w[2], 0);
+      free(w);
+      // Host order: the same units, and no byte-order mark.
+      w = static_cast<uint16_t *>(
+         UnicodeGetAllocBytesInternal("h\xC3\xA9", UNICODE_ENCODING_UTF16_XE, -1, &n));
+      ASSERT_NE(w, nullptr);
+      EXPECT_EQ(n, 4u);
+      EXPECT_EQ(std::vector<uint16_t>(w, w + 3), (std::vector<uint16_t>{'h', 0xE9, 0}));
+      if (withIcu) {
+         auto *w32 = static_cast<uint32_t *>(
+            UnicodeGetAllocBytesInternal("h\xC3\xA9", UNICODE_ENCODING_UTF32_XE, -1, &n));
+         ASSERT_NE(w32, nullptr);
+         EXPECT_EQ(n, 8u);
+         EXPECT_EQ(std::vector<uint32_t>(w32, w32 + 3), (std::vector<uint32_t>{'h', 0xE9, 0}));
+         free(w32);
+      }
       uint16_t *copy = Unicode_UTF16Strdup(w);
       EXPECT_EQ(Unicode_UTF16Strlen(copy), 2);
       EXPECT_EQ(Unicode_LengthInBytes(copy, UNICODE_ENCODING_UTF16_LE), 4);
