@@ -27,6 +27,7 @@ ExternalProject_Add(halcyx_sandbox
              -DHALCYX_SANITIZE=${HALCYX_SANITIZE}
              -DHALCYX_WERROR=${HALCYX_WERROR}
              -DHALCYX_OPENER_STATIC=${HALCYX_OPENER_STATIC}
+             -DHALCYX_DEPS_CACHE=${HALCYX_DEPS_CACHE_DIR}
   BUILD_COMMAND ${CMAKE_COMMAND} --build ${HALCYX_SANDBOX_BINARY_DIR}
                 --target halcyx-opener halcyx-services-daemon
   INSTALL_COMMAND ""

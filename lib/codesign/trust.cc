@@ -28,6 +28,7 @@
 
 #include "codesignAnchors.h"
 #include "codesignInt.h"
+#include "cryptoInit.h"
 #include "internal/unique.h"
 
 namespace halcyx::codesign {
@@ -110,6 +111,7 @@ bool AddVendorRoot(TrustPolicy *policy, std::string_view der, const Digest &pin)
 
 const TrustPolicy &BuildTrustPolicy() {
    static const TrustPolicy policy = [] {
+      InitCrypto();  // first use of libcrypto on every verification path
       TrustPolicy p;
       for (const auto &root : kHalcyxVendorRoots) {
          Digest pin;
