@@ -82,7 +82,10 @@ void MakeSourceOnce() {
          close(fd);
       }
       std::string link = dir + "/link";
-      symlink("f0", link.c_str());
+      if (symlink("f0", link.c_str()) != 0) {
+         fprintf(stderr, "making %s: %s\n", link.c_str(), strerror(errno));
+         exit(1);
+      }
    }
    close(open(stamp.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
 }
