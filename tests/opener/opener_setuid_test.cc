@@ -85,10 +85,11 @@ protected:
       const struct passwd *nobody = getpwnam("nobody");
       if (geteuid() != 0 || nobody == nullptr) {
          sSkip = "needs root and the user nobody";
-      } else if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 ||
-                 (mkdir(kDir.c_str(), 0755) != 0 && errno != EEXIST) ||
-                 unshare(CLONE_NEWNS) != 0 ||
-                 mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      } else if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 || unshare(CLONE_NEWNS) != 0 ||
+                 mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                 // A private /tmp: the sandbox directory never exists on the host.
+                 mount("halcyx-tmp", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+                 mkdir(kDir.c_str(), 0755) != 0) {
          sSkip = "cannot make a private mount namespace";
       } else {
          sNobody = nobody->pw_uid;
