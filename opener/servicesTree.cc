@@ -109,6 +109,9 @@ bool WritableByOthers(const struct stat &st) { return (st.st_mode & (S_IWGRP | S
  * walk holds each directory by descriptor and never follows a link.
  */
 bool ServicesTreeAncestorsSafe(const char *path) {
+   if (path[0] != '/') {
+      return false;
+   }
    UniqueFd dir(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
    struct stat st;
    if (!dir || fstat(dir.get(), &st) != 0 || st.st_uid != 0) {

@@ -144,4 +144,48 @@ TEST_F(PrepareDaemon, ComponentSwappedAfterItsCheckIsNeverInstalled) {
    }
 }
 
+// Directories above the host directory and the product file: a sticky
+// directory open to others (as /tmp) may only stand above a directory that
+// exists; anything else not root's alone, or a link, leaves the old tree.
+TEST_F(PrepareDaemon, RefusesDirectoriesAboveTheTreeThatOthersControl) {
+   struct Case {
+      const char *name;
+      void (*setup)();
+      const char *expected;
+   };
+   const Case cases[] = {
+      {"sticky directory above existing ones",
+       [] {
+          fs::create_directories("/Library/Preferences");
+          chmod("/Library", 01777);
+       },
+       "result=1 kept=0"},
+      {"sticky directory above a missing one", [] { chmod("/Library", 01777); },
+       "result=0 kept=1"},
+      {"host directory owned by another user",
+       [] { chown(kTree.parent_path().parent_path().c_str(), 65534, 0); }, "result=0 kept=1"},
+      {"product file's parent behind a link",
+       [] {
+          fs::create_directories("/elsewhere");
+          fs::create_directory_symlink("/elsewhere", "/Library/Preferences");
+       },
+       "result=0 kept=1"},
+   };
+   for (const Case &c : cases) {
+      SCOPED_TRACE(c.name);
+      auto r = Run(
+         [&] {
+            fs::create_directories(kTree);
+            std::ofstream(kTree / "kept");
+            c.setup();
+         },
+         [] { return "kept=" + std::to_string(fs::exists(kTree / "kept")); });
+      ASSERT_EQ(r.ExitCode(), 0) << "the child could not set up (125) or died\n" << r.out;
+      EXPECT_EQ(r.err, c.expected) << r.out;
+      EXPECT_EQ(r.out.find("or a directory above it") != std::string::npos,
+                std::string_view(c.expected) == "result=0 kept=1")
+         << r.out;
+   }
+}
+
 }  // namespace
