@@ -7,11 +7,18 @@
  *
  *     <daemon path> <listening socket number> <watch pipe read-end number>
  *
- * It then
- * - opens its log (the only thing it needs root for) and gives up every
- *   capability for good, keeping only the descriptors it was handed;
+ * Everything else it inherits from that first caller too: group IDs,
+ * resource limits, priority. It serves every user, so it
+ * - makes itself root in every user and group ID, so that no caller can
+ *   signal it;
+ * - opens its log (the only file it needs root for), then puts its own
+ *   resource limits and the ordinary priority in place of the caller's, so
+ *   that no caller can starve it;
+ * - gives up every capability for good, keeping only the descriptors it
+ *   was handed;
  * - serves callers one after another: greeting byte, one descriptor
- *   received, verdict "1" ("0" when it cannot keep more);
+ *   received, verdict "1" ("0" when it cannot keep more for that caller's
+ *   user, so that no user can use up what the others need);
  * - does something visible and harmless with each descriptor: writes one
  *   line into a writable one, watches a read-only pipe (shell mode's
  *   liveness token) until its writer is gone, and logs what it got;
@@ -27,10 +34,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/capability.h>
 #include <linux/securebits.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -43,16 +53,26 @@
 #include "serviceProtocol.h"
 #include "str.h"
 
+// Linux 6.5; older C library headers lack it.
+#ifndef SO_PEERPIDFD
+#define SO_PEERPIDFD 77
+#endif
+
 namespace {
 
 constexpr char kTag[] = "ServicesDaemon";
-constexpr size_t kMaxSessions = 256;
+// Liveness pipes kept for one user's callers, and for all users together:
+// one user at its cap cannot refuse anybody else; the total bounds the
+// descriptors this daemon holds.
+constexpr size_t kMaxSessionsPerUser = 64;
+constexpr size_t kMaxSessions = 4096;
 constexpr int kStepTimeoutSeconds = 5;
 
-// A kept liveness pipe and the process that handed it over.
+// A kept liveness pipe, the process that handed it over and its user.
 struct Session {
    int fd;
    pid_t pid;
+   uid_t uid;
 };
 
 // A descriptor number given on the command line: decimal digits only.
@@ -75,6 +95,68 @@ bool IsListeningSocket(int fd) {
 bool IsPipe(int fd) {
    struct stat st;
    return fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode);
+}
+
+/*
+ * Makes this process root's own in every user and group ID, whoever
+ * started the opener that started it. It comes with its first caller's real
+ * user ID, and a user may signal every process whose real or saved user ID
+ * is its own: that caller could stop (SIGSTOP) the daemon that every user
+ * shares. The caller's group IDs (the opener is set-user-ID only) and
+ * supplementary groups would decide file access once the capabilities are
+ * gone. Needs the capabilities, so it runs before DropPrivileges(); the
+ * process is single-threaded here, so the C library's process-wide calls
+ * are the right ones.
+ */
+bool BecomeRoot() {
+   return setgroups(0, nullptr) == 0 && setresgid(0, 0, 0) == 0 && setresuid(0, 0, 0) == 0;
+}
+
+// The resource limits this daemon runs under, soft and hard alike, instead
+// of its first caller's. The others bound nothing this daemon does; a
+// product daemon that forks, locks memory or queues signals sets those too.
+struct OwnLimit {
+   int resource;
+   rlim_t value;
+};
+constexpr OwnLimit kOwnLimits[] = {
+   // Every session, and our own: standard descriptors, listening socket,
+   // watch pipe, log, the connection being served and what it brings.
+   {RLIMIT_NOFILE, kMaxSessions + 16},
+   {RLIMIT_CPU, RLIM_INFINITY},    // its signal would end the daemon
+   {RLIMIT_FSIZE, RLIM_INFINITY},  // so would its signal on a log write
+   {RLIMIT_DATA, RLIM_INFINITY},
+   {RLIMIT_AS, RLIM_INFINITY},
+   {RLIMIT_STACK, 8 << 20},  // the usual; unlimited would change the memory layout
+   {RLIMIT_CORE, 0},         // a dump would hold what callers handed over
+};
+
+/*
+ * Replaces the resource limits, nice value and scheduling policy that came
+ * from the first caller, with which it could starve this daemon: with a
+ * descriptor limit of 8 the daemon could serve nobody. Raising a hard limit
+ * needs a capability that root may lack (in a container); such a limit goes
+ * as high as it may, with a warning, and the daemon carries on: one that
+ * ended would only be started again by the next caller.
+ */
+void TakeOwnLimits() {
+   for (const OwnLimit &own : kOwnLimits) {
+      struct rlimit limit = {own.value, own.value};
+      if (setrlimit(own.resource, &limit) == 0) {
+         continue;
+      }
+      int error = errno;
+      if (getrlimit(own.resource, &limit) == 0) {
+         limit.rlim_cur = limit.rlim_max;
+         setrlimit(own.resource, &limit);
+      }
+      Warning("%s: resource %d limited to %llu, errno %d.\n", kTag, own.resource,
+              static_cast<unsigned long long>(limit.rlim_cur), error);
+   }
+   const struct sched_param ordinary = {};
+   if (sched_setscheduler(0, SCHED_OTHER, &ordinary) != 0 || setpriority(PRIO_PROCESS, 0, 0) != 0) {
+      Warning("%s: cannot take the ordinary priority, errno %d.\n", kTag, errno);
+   }
 }
 
 // Appends the library log (standard output) to the daemon's log file.
@@ -126,6 +208,55 @@ void PeerUids(pid_t pid, long *uid, long *euid) {
       }
    }
    fclose(f);
+}
+
+/*
+ * The user a caller runs for: the real user ID of the process that handed
+ * over the descriptor; -1 when it cannot be established. SO_PEERCRED's user
+ * ID will not do: it is the peer's effective user ID at connect time, and
+ * the set-user-ID opener connects as root. The real user ID comes from
+ * /proc by process ID, which names the peer only while the peer lives: its
+ * pid file descriptor, taken from the socket, shows that it still lived
+ * after the read, so the number had not passed to another process.
+ */
+long PeerUser(int conn, pid_t pid) {
+   int pidfd = -1;
+   socklen_t size = sizeof pidfd;
+   if (getsockopt(conn, SOL_SOCKET, SO_PEERPIDFD, &pidfd, &size) != 0) {
+      return -1;
+   }
+   long uid;
+   long euid;
+   PeerUids(pid, &uid, &euid);
+   // A pid file descriptor becomes readable when its process ends.
+   struct pollfd ended = {pidfd, POLLIN, 0};
+   bool alive = poll(&ended, 1, 0) == 0;
+   close(pidfd);
+   return alive ? uid : -1;
+}
+
+// Whether a caller of pid, running for uid (-1: unknown), may have one more
+// session kept; says why not.
+bool Admit(const std::vector<Session> &sessions, pid_t pid, long uid) {
+   if (uid < 0) {
+      Warning("%s: refusing pid %d: its user is unknown.\n", kTag, static_cast<int>(pid));
+      return false;
+   }
+   size_t ofUser = 0;
+   for (const Session &s : sessions) {
+      ofUser += s.uid == static_cast<uid_t>(uid);
+   }
+   if (ofUser >= kMaxSessionsPerUser) {
+      Warning("%s: refusing pid %d: %zu sessions open for uid %ld.\n", kTag,
+              static_cast<int>(pid), ofUser, uid);
+      return false;
+   }
+   if (sessions.size() >= kMaxSessions) {
+      Warning("%s: refusing pid %d: %zu sessions open.\n", kTag, static_cast<int>(pid),
+              sessions.size());
+      return false;
+   }
+   return true;
 }
 
 const char *TypeName(mode_t mode) {
@@ -195,15 +326,14 @@ void ServeOne(int listenFd, std::vector<Session> &sessions) {
        setsockopt(conn, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0 &&
        getsockopt(conn, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
        ServiceImplWriteOne(conn, 'H') && ServiceImplRecvFd(conn, &fd)) {
-      if (sessions.size() >= kMaxSessions) {
-         Warning("%s: refusing pid %d: %zu sessions open.\n", kTag, static_cast<int>(peer.pid),
-                 sessions.size());
+      long uid = PeerUser(conn, peer.pid);
+      if (!Admit(sessions, peer.pid, uid)) {
          ServiceImplClose(&fd, nullptr);
          ServiceImplWriteOne(conn, '0');
       } else {
          if (Use(fd, peer.pid)) {
             Log("%s: watching the liveness pipe of pid %d.\n", kTag, static_cast<int>(peer.pid));
-            sessions.push_back({fd, peer.pid});
+            sessions.push_back({fd, peer.pid, static_cast<uid_t>(uid)});
          } else {
             ServiceImplClose(&fd, nullptr);
          }
@@ -234,7 +364,13 @@ int main(int argc, char **argv) {
    fcntl(watchFd, F_SETFD, FD_CLOEXEC);
    // A caller's pipe whose reader is gone must give EPIPE, not kill us.
    signal(SIGPIPE, SIG_IGN);
-   if (!OpenLog() || !DropPrivileges()) {
+   // Root's own first, so that the log is too and can tell what follows.
+   bool ready = BecomeRoot() && OpenLog();
+   if (ready) {
+      TakeOwnLimits();
+      ready = DropPrivileges();
+   }
+   if (!ready) {
       Warning("%s: cannot set up, errno %d.\n", kTag, errno);
       return 1;
    }

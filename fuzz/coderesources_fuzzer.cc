@@ -1,5 +1,5 @@
-// Fuzzes the CodeResources reader: whatever it accepts must survive being
-// written out and read back unchanged.
+// Fuzzes the CodeResources reader: whatever it accepts must be exactly the
+// text that the writer makes of the parsed seal, and read back unchanged.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -17,7 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
    if (!ParseCodeResources(text, &seal)) {
       return 0;
    }
-   if (!ParseCodeResources(FormatCodeResources(seal), &again) || again.size() != seal.size()) {
+   const std::string canonical = FormatCodeResources(seal);
+   if (canonical != text || !ParseCodeResources(canonical, &again) || again.size() != seal.size()) {
       abort();
    }
    for (const auto &[path, e] : seal) {

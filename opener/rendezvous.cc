@@ -57,6 +57,7 @@ void FillAddress(struct sockaddr_un *addr, const char *path) {
 }
 
 // Opens the lock file and waits for its exclusive lock; -1 on failure.
+// Taking the lock is part of the open, so its failure is the open's.
 int OpenLocked(const char *lockPath) {
    int fd = open(lockPath, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
    if (fd < 0) {
@@ -67,7 +68,7 @@ int OpenLocked(const char *lockPath) {
    while ((rc = flock(fd, LOCK_EX)) != 0 && errno == EINTR) {
    }
    if (rc != 0) {
-      Warning("%s: flock errno %d.\n", kPickTag, errno);
+      Warning("%s: open errno %d.\n", kPickTag, errno);
       ServiceImplClose(&fd, nullptr);
    }
    return fd;

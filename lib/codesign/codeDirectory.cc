@@ -128,9 +128,12 @@ bool IdentifierIsValid(std::string_view identifier) {
    if (identifier.empty() || !IsUtf8(identifier)) {
       return false;
    }
-   for (char c : identifier) {
-      auto u = static_cast<unsigned char>(c);
-      if (u < 0x20 || u == 0x7F) {
+   // C0 controls and DEL are single bytes; the C1 controls U+0080 to
+   // U+009F are the two-byte sequences C2 80 to C2 9F.
+   for (size_t i = 0; i < identifier.size(); i++) {
+      auto u = static_cast<unsigned char>(identifier[i]);
+      if (u < 0x20 || u == 0x7F ||
+          (u == 0xC2 && static_cast<unsigned char>(identifier[i + 1]) <= 0x9F)) {
          return false;
       }
    }

@@ -5,6 +5,7 @@
  * planted where a file is expected cannot stall the verifier; the type is
  * then checked on the descriptor itself, never on the path.
  */
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -94,14 +95,17 @@ bool ReadFileAt(int dirFd, const char *relPath, size_t cap, std::string *out) {
 }
 
 /*
- * True when mapping the file is safe: only root can shorten it (owned by
- * root, no group or other write, which with an ACL means no named entry may
- * write either) and it lives on a local file system, where nothing outside
- * this host can truncate it. Truncating a mapped file turns the next access
- * into SIGBUS; for any other file that would let its owner crash the
- * verifier, so those are read instead.
+ * Only root can change the object: it is owned by root with no group or
+ * other write (with an ACL the group bits are the mask, so no named entry
+ * may write either), and it lives on a local file system that this kernel
+ * serves itself, where nothing outside this host (a network peer, a FUSE
+ * daemon) decides what a read returns.
+ *
+ * This is also what makes mapping a file safe: truncating a mapped file
+ * turns the next access into SIGBUS, which for any other file would let its
+ * owner crash the verifier, so those are read instead.
  */
-static bool MappingIsSafe(int fd, const struct stat &st) {
+bool OnlyRootCanWrite(int fd, const struct stat &st) {
    struct statfs fs;
    if (st.st_uid != 0 || (st.st_mode & (S_IWGRP | S_IWOTH)) != 0 || fstatfs(fd, &fs) != 0) {
       return false;
@@ -117,14 +121,21 @@ static bool MappingIsSafe(int fd, const struct stat &st) {
    }
 }
 
+namespace {
+std::atomic<uint64_t> gBytesHashed{0};
+}
+
+uint64_t BytesHashed() { return gBytesHashed.load(std::memory_order_relaxed); }
+
 /*
- * Hashes the whole of a regular file through its descriptor, without moving
- * its offset. Large files that MappingIsSafe are hashed from a mapping,
- * which saves copying every byte through a buffer; the rest is read. Either
- * way the hash then reads on to the end of the file, so a file that grew
- * meanwhile is hashed whole (and no longer matches its recorded size).
+ * Hashes a regular file through its descriptor, without moving its offset.
+ * Large files that OnlyRootCanWrite are hashed from a mapping, which saves
+ * copying every byte through a buffer; the rest is read. Either way the hash
+ * then reads on towards the end of the file, so a file that grew meanwhile
+ * no longer matches its recorded size; it stops one byte past limit, which
+ * is enough to tell, so a file that keeps growing cannot keep it busy.
  */
-bool HashFd(int fd, Digest *digest, uint64_t *size) {
+bool HashFd(int fd, Digest *digest, uint64_t *size, uint64_t limit) {
    struct stat st;
    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
       return false;
@@ -135,13 +146,15 @@ bool HashFd(int fd, Digest *digest, uint64_t *size) {
    }
    uint64_t total = 0;
    constexpr off_t kMapAtLeast = 1024 * 1024;
-   if (st.st_size >= kMapAtLeast && MappingIsSafe(fd, st)) {
+   if (st.st_size >= kMapAtLeast && static_cast<uint64_t>(st.st_size) <= limit &&
+       OnlyRootCanWrite(fd, st)) {
       auto len = static_cast<size_t>(st.st_size);
       void *map = mmap(nullptr, len, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
       if (map != MAP_FAILED) {
          EVP_DigestUpdate(ctx.get(), map, len);
          munmap(map, len);
          total = len;
+         gBytesHashed.fetch_add(len, std::memory_order_relaxed);
       }
    }
    // Small enough to stay in the cache between the copy and the hash, and
@@ -151,8 +164,10 @@ bool HashFd(int fd, Digest *digest, uint64_t *size) {
    if (!buf) {
       return false;
    }
-   while (true) {
-      ssize_t n = PreadRetry(fd, buf.get(), kChunk, total);
+   while (total <= limit) {
+      uint64_t left = limit - total;
+      size_t want = left >= kChunk ? kChunk : static_cast<size_t>(left) + 1;
+      ssize_t n = PreadRetry(fd, buf.get(), want, total);
       if (n < 0) {
          return false;
       }
@@ -161,6 +176,7 @@ bool HashFd(int fd, Digest *digest, uint64_t *size) {
       }
       EVP_DigestUpdate(ctx.get(), buf.get(), static_cast<size_t>(n));
       total += static_cast<uint64_t>(n);
+      gBytesHashed.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
    }
    unsigned int len = 0;
    if (EVP_DigestFinal_ex(ctx.get(), digest->data(), &len) != 1) {

@@ -5,17 +5,22 @@
  * a dictionary from each path relative to the bundle directory to either the
  * 32-byte SHA-256 of a regular file (data) or { symlink: <link text> } for a
  * symbolic link that stays inside the bundle. Everything under
- * Contents/_CodeSignature is left out; directories are implied.
+ * Contents/_CodeSignature is left out; directories are implied. The reader
+ * accepts exactly the bytes that FormatCodeResources writes for the seal.
  *
  * The walk that collects a bundle's contents opens every directory and file
  * relative to its parent with O_NOFOLLOW, bounds depth and entry count, and
- * refuses any file type other than regular files, directories and links.
+ * refuses any file type other than regular files, directories and links,
+ * a link that the kernel would resolve out of the bundle, and anything in
+ * the signature directory but the signature objects themselves.
  */
 #include <cerrno>
 #include <algorithm>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -79,42 +84,99 @@ bool LinkStaysInside(std::string_view relPath, std::string_view target) {
    return true;
 }
 
+// The names in a directory, sorted so that the same bundle always walks the
+// same way. They are read through a descriptor of their own: a duplicate
+// of dirFd would share, and move, its owner's directory offset.
+bool ListDir(int dirFd, std::vector<std::string> *names, size_t *entries) {
+   int own = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+   if (own < 0) {
+      return false;
+   }
+   std::unique_ptr<DIR, int (*)(DIR *)> dir(fdopendir(own), closedir);
+   if (!dir) {
+      close(own);
+      return false;
+   }
+   errno = 0;
+   while (struct dirent *e = readdir(dir.get())) {
+      if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) {
+         names->emplace_back(e->d_name);
+         if (++*entries > kMaxEntries) {
+            return false;
+         }
+      }
+      errno = 0;
+   }
+   if (errno != 0) {
+      return false;
+   }
+   std::sort(names->begin(), names->end());
+   return true;
+}
+
+/*
+ * Resolves the link at relPath as an open would, component by component
+ * beneath the bundle directory: every link on the way is followed, and a
+ * step out of the bundle (an absolute link, or ".." above it, directly or
+ * through another link) fails with EXDEV. A link to a name that does not
+ * exist is judged by its text alone (LinkStaysInside): making that name
+ * later changes the bundle's listing, which breaks the seal.
+ */
+bool LinkResolvesInside(int rootFd, const std::string &relPath) {
+   struct open_how how;
+   memset(&how, 0, sizeof how);
+   how.flags = O_PATH | O_CLOEXEC;
+   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+   for (int tries = 0; tries < 8; tries++) {
+      long fd = syscall(SYS_openat2, rootFd, relPath.c_str(), &how, sizeof how);
+      if (fd >= 0) {
+         close(static_cast<int>(fd));
+         return true;
+      }
+      // EAGAIN: a rename elsewhere raced with the resolution.
+      if (errno != EAGAIN && errno != EINTR) {
+         break;
+      }
+   }
+   return errno == ENOENT || errno == ENOTDIR;
+}
+
+// Nothing in the signature directory is sealed, so nothing but the three
+// signature objects may be there, each a regular file without set-ID bits.
+bool SignatureDirIsClean(int parentFd, const char *name, size_t *entries) {
+   UniqueFd dir(openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+   std::vector<std::string> names;
+   if (!dir || !ListDir(dir.get(), &names, entries)) {
+      return false;
+   }
+   for (const std::string &n : names) {
+      struct stat st;
+      if ((n != "CodeDirectory" && n != "CodeResources" && n != "CodeSignature") ||
+          fstatat(dir.get(), n.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+          !S_ISREG(st.st_mode) || (st.st_mode & (S_ISUID | S_ISGID)) != 0) {
+         return false;
+      }
+   }
+   return true;
+}
+
 struct Walker {
+   int rootFd;
    Seal *seal;
+   bool hash;  // false: regular files are listed without reading them
    size_t entries = 0;
 
    bool Walk(int dirFd, const std::string &prefix, int depth) {
-      if (depth > kMaxDepth) {
-         return false;
-      }
-      int dupFd = fcntl(dirFd, F_DUPFD_CLOEXEC, 0);
-      if (dupFd < 0) {
-         return false;
-      }
-      std::unique_ptr<DIR, int (*)(DIR *)> dir(fdopendir(dupFd), closedir);
-      if (!dir) {
-         close(dupFd);
-         return false;
-      }
-      // Sorted names, so that the same bundle always walks the same way.
       std::vector<std::string> names;
-      errno = 0;
-      while (struct dirent *e = readdir(dir.get())) {
-         if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) {
-            names.emplace_back(e->d_name);
-            if (++entries > kMaxEntries) {
-               return false;
-            }
-         }
-         errno = 0;
-      }
-      if (errno != 0) {
+      if (depth > kMaxDepth || !ListDir(dirFd, &names, &entries)) {
          return false;
       }
-      std::sort(names.begin(), names.end());
       for (const std::string &name : names) {
          std::string rel = prefix + name;
          if (rel == kSignatureDir) {
+            if (!SignatureDirIsClean(dirFd, name.c_str(), &entries)) {
+               return false;
+            }
             continue;
          }
          if (rel.size() > kMaxPath || !Entry(dirFd, name.c_str(), rel, depth)) {
@@ -136,7 +198,7 @@ struct Walker {
             return false;
          }
          std::string target(buf, static_cast<size_t>(n));
-         if (!LinkStaysInside(rel, target)) {
+         if (!LinkStaysInside(rel, target) || !LinkResolvesInside(rootFd, rel)) {
             return false;
          }
          SealedEntry &e = (*seal)[rel];
@@ -151,16 +213,47 @@ struct Walker {
       if (!S_ISREG(st.st_mode)) {
          return false;
       }
-      UniqueFd fd(openat(dirFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-      uint64_t size;
       SealedEntry e;
-      if (!fd || !HashFd(fd.get(), &e.hash, &size)) {
-         return false;
+      if (hash) {
+         UniqueFd fd(openat(dirFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+         uint64_t size;
+         if (!fd || !HashFd(fd.get(), &e.hash, &size)) {
+            return false;
+         }
       }
       (*seal)[rel] = e;
       return true;
    }
 };
+
+// Every directory and file under dirFd is root's, not writable by others,
+// and on the file system dev. Links are not checked: a link cannot be
+// rewritten, only replaced in its directory, which is checked.
+bool RootOnlyTree(int dirFd, dev_t dev, int depth, size_t *entries) {
+   std::vector<std::string> names;
+   if (depth > kMaxDepth || !ListDir(dirFd, &names, entries)) {
+      return false;
+   }
+   for (const std::string &name : names) {
+      struct stat st;
+      if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || st.st_dev != dev) {
+         return false;
+      }
+      if (S_ISLNK(st.st_mode)) {
+         continue;
+      }
+      if (st.st_uid != 0 || (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+         return false;
+      }
+      if (S_ISDIR(st.st_mode)) {
+         UniqueFd sub(openat(dirFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+         if (!sub || !RootOnlyTree(sub.get(), dev, depth + 1, entries)) {
+            return false;
+         }
+      }
+   }
+   return true;
+}
 
 }  // namespace
 
@@ -219,7 +312,10 @@ bool ParseCodeResources(std::string_view xml, Seal *out) {
          seal.emplace(std::move(path), std::move(e));
       }
    }
-   if (!ok) {
+   // One text per seal: whatever the signer would not have written (junk
+   // after the list, a second list, unclosed tags, a key given twice, another
+   // order or layout) is refused rather than interpreted.
+   if (!ok || FormatCodeResources(seal) != xml) {
       return false;
    }
    *out = std::move(seal);
@@ -250,7 +346,7 @@ std::string FormatCodeResources(const Seal &seal) {
 
 bool CollectSeal(int bundleFd, Seal *out) {
    Seal seal;
-   Walker w{&seal};
+   Walker w{bundleFd, &seal, true};
    if (!w.Walk(bundleFd, "", 0)) {
       return false;
    }
@@ -258,19 +354,49 @@ bool CollectSeal(int bundleFd, Seal *out) {
    return true;
 }
 
+/*
+ * The listing is compared first (names, kinds and link texts, which cost a
+ * directory walk), and only then are the files read and hashed, one by one
+ * until the first difference: an extra or missing file, however large, is
+ * found without reading any content.
+ */
 bool CheckSeal(int bundleFd, const Seal &seal) {
-   Seal actual;
-   if (!CollectSeal(bundleFd, &actual) || actual.size() != seal.size()) {
+   Seal listing;
+   Walker w{bundleFd, &listing, false};
+   if (!w.Walk(bundleFd, "", 0) || listing.size() != seal.size()) {
       return false;
    }
    for (const auto &[path, e] : seal) {
-      auto it = actual.find(path);
-      if (it == actual.end() || it->second.isLink != e.isLink ||
-          (e.isLink ? it->second.target != e.target : it->second.hash != e.hash)) {
+      auto it = listing.find(path);
+      if (it == listing.end() || it->second.isLink != e.isLink ||
+          (e.isLink && it->second.target != e.target)) {
+         return false;
+      }
+   }
+   for (const auto &[path, e] : seal) {
+      if (e.isLink) {
+         continue;
+      }
+      UniqueFd fd(OpenAtNoFollow(bundleFd, path.c_str(), O_RDONLY));
+      Digest hash;
+      uint64_t size;
+      if (!fd || !HashFd(fd.get(), &hash, &size) || hash != e.hash) {
          return false;
       }
    }
    return true;
+}
+
+bool OnlyRootCanChange(int fd) {
+   struct stat st;
+   if (fstat(fd, &st) != 0 || !OnlyRootCanWrite(fd, st)) {
+      return false;
+   }
+   if (S_ISREG(st.st_mode)) {
+      return true;
+   }
+   size_t entries = 0;
+   return S_ISDIR(st.st_mode) && RootOnlyTree(fd, st.st_dev, 0, &entries);
 }
 
 }  // namespace halcyx::codesign

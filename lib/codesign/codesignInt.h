@@ -27,6 +27,8 @@
 #include <string_view>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include <openssl/types.h>
 #include <plist/plist.h>
 
@@ -188,7 +190,9 @@ bool FormatProductRequirement(const char *identifier, std::string *out);
 /* ---- Verification with an explicit policy ------------------------------ */
 
 // The result codes of codesignVerify (0 for success).
-int VerifyFdWithPolicy(int fd, const char *identifier, const TrustPolicy &policy);
+// With rootOnly, code that anyone but root can still change is refused (7).
+int VerifyFdWithPolicy(int fd, const char *identifier, const TrustPolicy &policy,
+                       bool rootOnly = false);
 int VerifyPathWithPolicy(const char *path, const char *identifier, const TrustPolicy &policy);
 
 /* ---- Signing ------------------------------------------------------------ */
@@ -220,11 +224,21 @@ bool AttachDetached(int fd, std::string_view plistData, std::string *error);
 bool ReadFileAt(int dirFd, const char *relPath, size_t cap, std::string *out);
 // Opens a relative path component by component with O_NOFOLLOW.
 int OpenAtNoFollow(int dirFd, const char *relPath, int flags);
-// SHA-256 and size of every byte of a regular file, read through fd with
-// pread, or mapped when only root can change it (the descriptor's offset
-// does not move).
-bool HashFd(int fd, Digest *digest, uint64_t *size);
+// SHA-256 and size of a regular file's bytes, read through fd with pread,
+// or mapped when only root can change it (the descriptor's offset does not
+// move). Reads to the end of the file but never more than limit + 1 bytes:
+// a size over limit means the file is not the one expected.
+bool HashFd(int fd, Digest *digest, uint64_t *size, uint64_t limit = UINT64_MAX);
+// Bytes that HashFd has hashed in this process, so that tests can tell that
+// cheap checks ran before the content was read.
+uint64_t BytesHashed();
 bool ParseInfoPlist(std::string_view data, UniquePlist *out);
+// Only root can change the object behind fd (st is its fstat): owned by
+// root, no group or other write, on a local file system.
+bool OnlyRootCanWrite(int fd, const struct stat &st);
+// The same for a regular file, or for a bundle directory and everything in
+// it (one file system, every entry root's and not writable by others).
+bool OnlyRootCanChange(int fd);
 
 }  // namespace halcyx::codesign
 

@@ -84,9 +84,14 @@ bool SignBundle(int fd, const char *identifier, const Identity &id, std::string 
       return Fail(error, "the signature directory is not a directory");
    }
    if (!CollectSeal(fd, &seal)) {
-      return Fail(error, "the bundle holds a special file, a link leaving it, or too much");
+      return Fail(error, "the bundle holds a special file, a link leaving it, something "
+                         "besides the signature in Contents/_CodeSignature, or too much");
    }
    std::string resources = FormatCodeResources(seal);
+   Seal readBack;
+   if (!ParseCodeResources(resources, &readBack)) {
+      return Fail(error, "the bundle holds a name that its seal cannot carry");
+   }
    cd.infoPlistHash = Sha256(info.data(), info.size());
    cd.resourcesHash = Sha256(resources.data(), resources.size());
    std::string text = FormatCodeDirectory(cd), sig;
@@ -197,6 +202,14 @@ bool AttachDetached(int fd, std::string_view data, std::string *error) {
    if (!ParseCodeDirectory(text, &cd) || cd.kind != CodeKind::File || !sigBytes ||
        sigLen == 0 || sigLen > kMaxSignature) {
       return Fail(error, "the detached signature is malformed");
+   }
+   // A signature that cannot be valid for this file is not attached to it.
+   Digest hash;
+   uint64_t size = 0;
+   if (static_cast<uint64_t>(st.st_size) != cd.contentSize ||
+       !HashFd(fd, &hash, &size, cd.contentSize) || size != cd.contentSize ||
+       hash != cd.contentHash) {
+      return Fail(error, "the detached signature was made for other content");
    }
    return SetFileSignature(fd, text, std::string(sigBytes, sigLen), error);
 }

@@ -3,14 +3,16 @@
  *
  * The code is opened once, without following a link, and every later step
  * (signature objects, content hash, the bundle's files) reads through that
- * descriptor. A caller that verifies a descriptor and then copies or runs
- * from it therefore uses exactly the bytes that were checked, whatever is
- * renamed over the path meanwhile.
+ * descriptor, so whatever is renamed over the path meanwhile is never
+ * looked at. A caller that copies or runs from the descriptor afterwards
+ * uses the checked bytes only while nobody else can write them, which
+ * codesignVerifyFdRootOnly establishes.
  *
  * Result codes of codesignVerify: 1 the path is not UTF-8, 2 it is empty or
- * too long, 3 the code cannot be opened or its signature objects read, 5 the
- * requirement cannot be formed for the identifier, 6 it does not parse, 7
- * the signature, the chain or the requirement fails.
+ * too long, 3 the code cannot be opened (or is neither a regular file nor a
+ * bundle), 5 the requirement cannot be formed for the identifier, 6 it does
+ * not parse, 7 the signature is missing or fails, or the chain or the
+ * requirement does.
  */
 #include "codesign.h"
 
@@ -65,14 +67,19 @@ std::string WithoutTrailingSlashes(const char *path) {
 }  // namespace
 
 int OpenCode(const char *path) {
-   UniqueFd fd(open(WithoutTrailingSlashes(path).c_str(),
-                    O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+   const std::string trimmed = WithoutTrailingSlashes(path);
+   UniqueFd fd(open(trimmed.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
    struct stat st;
    if (!fd || fstat(fd.get(), &st) != 0) {
       return -1;
    }
    if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
       errno = EINVAL;
+      return -1;
+   }
+   // With its trailing slash the path names a directory, as open would insist.
+   if (trimmed.size() != strlen(path) && !S_ISDIR(st.st_mode)) {
+      errno = ENOTDIR;
       return -1;
    }
    // O_NONBLOCK only kept a FIFO from stalling the open; callers that go on
@@ -136,13 +143,21 @@ bool CheckSignature(int fd, const SignatureObjects &objs, const TrustPolicy &pol
       *reason = "the code directory is malformed";
       return false;
    }
+   // The size costs one fstat; the content hash reads the whole file.
+   struct stat st;
+   if (objs.kind == CodeKind::File &&
+       (fstat(fd, &st) != 0 || static_cast<uint64_t>(st.st_size) != ev.cd.contentSize)) {
+      *reason = "the content does not match its code directory";
+      return false;
+   }
    if (!CheckCms(objs.codeDirectory, objs.signature, policy, &ev, reason)) {
       return false;
    }
    if (objs.kind == CodeKind::File) {
       Digest hash;
       uint64_t size = 0;
-      if (!HashFd(fd, &hash, &size) || size != ev.cd.contentSize || hash != ev.cd.contentHash) {
+      if (!HashFd(fd, &hash, &size, ev.cd.contentSize) || size != ev.cd.contentSize ||
+          hash != ev.cd.contentHash) {
          *reason = "the content does not match its code directory";
          return false;
       }
@@ -163,9 +178,14 @@ bool CheckSignature(int fd, const SignatureObjects &objs, const TrustPolicy &pol
    return true;
 }
 
-int VerifyFdWithPolicy(int fd, const char *identifier, const TrustPolicy &policy) {
+// Code that can be opened but carries no signature is still code: its
+// check fails (7) after the requirement has been formed, as for any other
+// invalid signature. Only code that cannot be opened at all fails with 3.
+int VerifyFdWithPolicy(int fd, const char *identifier, const TrustPolicy &policy,
+                       bool rootOnly) {
    SignatureObjects objs;
-   if (ReadSignatureObjects(fd, &objs) != ReadStatus::Ok) {
+   ReadStatus status = ReadSignatureObjects(fd, &objs);
+   if (status == ReadStatus::Unopenable) {
       return kUnopenable;
    }
    std::string text;
@@ -178,7 +198,8 @@ int VerifyFdWithPolicy(int fd, const char *identifier, const TrustPolicy &policy
       return kRequirementParse;
    }
    Evidence ev;
-   if (!CheckSignature(fd, objs, policy, &ev, &error) || !EvaluateRequirement(req, ev)) {
+   if (status != ReadStatus::Ok || (rootOnly && !OnlyRootCanChange(fd)) ||
+       !CheckSignature(fd, objs, policy, &ev, &error) || !EvaluateRequirement(req, ev)) {
       return kInvalid;
    }
    return 0;
@@ -219,14 +240,27 @@ codesignVerify(const char *path, const char *identifier)
    return code == 0;
 }
 
-bool
-codesignVerifyFd(int fd, const char *path, const char *identifier)
+static bool
+VerifyFdAndLog(int fd, const char *path, const char *identifier, bool rootOnly)
 {
-   int code = NoThrow([&] { return VerifyFdWithPolicy(fd, identifier, BuildTrustPolicy()); });
+   int code = NoThrow(
+      [&] { return VerifyFdWithPolicy(fd, identifier, BuildTrustPolicy(), rootOnly); });
    if (code != 0) {
       Log("PrivilegedHelper: Failed to verify the code signature of %s due to %d", path, code);
    }
    return code == 0;
+}
+
+bool
+codesignVerifyFd(int fd, const char *path, const char *identifier)
+{
+   return VerifyFdAndLog(fd, path, identifier, false);
+}
+
+bool
+codesignVerifyFdRootOnly(int fd, const char *path, const char *identifier)
+{
+   return VerifyFdAndLog(fd, path, identifier, true);
 }
 
 char *

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -64,45 +65,81 @@ int CreateChainLink(const char *prefix, int mode, bool *created) {
    return err;
 }
 
-bool DeleteTree(const char *path, bool contentsOnly) {
-   if (Posix_EuidAccess(path, F_OK) != 0) {
-      int err = errno == ENOSYS ? FileAttributes(path, nullptr) : errno;
-      if (err == ENOENT || err == ENOTDIR) {
-         return true;  // nothing to delete
-      }
-   }
+int DeleteEntry(int dirFd, const std::string &dirPath, const char *name);
 
+// Deletes every entry of the directory open on dirFd (named path in log
+// lines); 0 or the last error met. Every entry is attempted.
+int DeleteEntries(int dirFd, const std::string &path) {
    // Raw names: an entry whose name is not valid UTF-8 must go too, or the
    // directory holding it could never be removed.
    char **names;
-   int count = FileListDirectoryRaw(path, &names);
+   int count = FileListDirectoryAt(dirFd, path.c_str(), &names, true);
    if (count < 0) {
-      return false;
+      return errno;
    }
    int err = 0;
    for (int i = 0; i < count; i++) {
-      std::string entry = std::string(path) + "/" + names[i];
-      struct stat st;
-      if (lstat(entry.c_str(), &st) != 0) {
-         if (errno != ENOENT) {
-            err = errno;
-            Log("FILE: %s: Lstat of '%s' failed, errno = %d\n", "FileDeleteDirectoryTree",
-                entry.c_str(), err);
-         }
-      } else if (S_ISDIR(st.st_mode)) {
-         if (!DeleteTree(entry.c_str(), false)) {
-            err = errno;
-         }
-      } else {
-         int rc = FileDeletion(entry.c_str(), false);
-         if (rc != 0 && rc != ENOENT) {
-            err = rc;
-         }
+      int rc = DeleteEntry(dirFd, path, names[i]);
+      if (rc != 0) {
+         err = rc;
       }
       free(names[i]);
    }
    free(names);
+   return err;
+}
 
+// Deletes one entry of the directory open on dirFd, a directory with all
+// it holds; 0 when it is gone.
+int DeleteEntry(int dirFd, const std::string &dirPath, const char *name) {
+   std::string entry = dirPath + "/" + name;
+   struct stat st;
+   if (fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT) {
+         return 0;  // gone meanwhile
+      }
+      int err = errno;
+      Log("FILE: %s: Lstat of '%s' failed, errno = %d\n", "FileDeleteDirectoryTree", entry.c_str(),
+          err);
+      return err;
+   }
+   if (S_ISDIR(st.st_mode)) {
+      // Opened without following a link: a directory swapped for a link
+      // since the look above is removed as a link below, never entered.
+      halcyx::UniqueFd sub(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      if (sub) {
+         int err = DeleteEntries(sub.get(), entry);
+         if (err != 0) {
+            return err;
+         }
+         return unlinkat(dirFd, name, AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : errno;
+      }
+      if (errno == ENOENT) {
+         return 0;
+      }
+      if (errno != ELOOP && errno != ENOTDIR) {
+         return errno;
+      }
+   }
+   return unlinkat(dirFd, name, 0) == 0 || errno == ENOENT ? 0 : errno;
+}
+
+bool DeleteTree(const char *path, bool contentsOnly) {
+   if (Posix_EuidAccess(path, F_OK) != 0) {
+      int err = errno == ENOSYS ? FileAttributes(path, nullptr) : errno;
+      if (err == ENOENT || err == ENOTDIR) {
+         errno = 0;
+         return true;  // nothing to delete
+      }
+   }
+   // The tree is walked by descriptors from here on: no name below path is
+   // ever resolved twice, so nothing swapped in meanwhile can lead outside.
+   halcyx::UniqueFd top(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+   if (!top) {
+      return false;
+   }
+   int err = DeleteEntries(top.get(), path);
+   top.reset();
    if (!contentsOnly && err == 0) {
       err = FileRemoveDirectory(path);
    }
@@ -222,10 +259,19 @@ bool File_CreateDirectoryHierarchyEx(const char *path, int mode, char **topmost)
    }
 }
 
+/*
+ * Deletes path and everything below it. The walk goes by directory
+ * descriptors and never follows a symbolic link, path itself included: a
+ * directory swapped for a link mid-walk is removed as a link, so nothing
+ * outside the tree is ever touched. Names that are not valid UTF-8 are
+ * deleted with the rest, or their directory could never go. A missing path
+ * is success with errno 0.
+ */
 bool File_DeleteDirectoryTree(const char *path) {
    return DeleteTree(path, false);
 }
 
+// As File_DeleteDirectoryTree, but path itself stays.
 bool File_DeleteDirectoryContent(const char *path) {
    return DeleteTree(path, true);
 }

@@ -10,15 +10,12 @@
  * destination name can never make the copy write, or its clean-up delete,
  * the file that the link points to. A half-written destination file is
  * removed; a half-copied tree stays as far as it got.
- *
- * In a tree copy, special files (FIFOs, sockets, devices) are recreated as
- * such rather than read: reading them could block for ever or copy a whole
- * device.
  */
 #include "file.h"
 
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,15 +23,17 @@
 #include <vector>
 
 #include "err.h"
+#include "file/fileIOInt.h"
 #include "file/filePrimitives.h"
 #include "fileIO.h"
 #include "internal/unique.h"
 #include "log.h"
 #include "msg.h"
-#include "posix.h"
+#include "util.h"
 
 using halcyx::ErrnoSaver;
 using halcyx::UniqueCStr;
+using halcyx::UniqueFd;
 
 namespace {
 
@@ -44,52 +43,99 @@ bool IsSpecial(mode_t mode) {
    return S_ISFIFO(mode) || S_ISSOCK(mode) || S_ISCHR(mode) || S_ISBLK(mode);
 }
 
-// mknod of the same kind; with overwrite, an existing non-directory goes.
-bool RecreateSpecial(const char *dst, const struct stat &st, bool overwrite) {
-   if (mknod(dst, st.st_mode, st.st_rdev) == 0) {
-      return true;
-   }
-   if (errno != EEXIST || !overwrite || FileDeletion(dst, false) != 0) {
-      return false;
-   }
-   return mknod(dst, st.st_mode, st.st_rdev) == 0;
+// A handle record over an open descriptor, for the handle layer's copy loop.
+void Adopt(FileIODescriptor *handle, int fd, const char *name) {
+   FileIO_Invalidate(handle);
+   FileIO_Init(handle, name);
+   handle->fd = fd;
 }
 
-// File_Copy with the source opened with the given access bits.
-bool CopyNamed(const char *src, const char *dst, bool overwrite, uint32_t srcAccess) {
-   FileIODescriptor srcFd;
-   FileIO_Invalidate(&srcFd);
-   FileIOResult result = FileIO_Open(&srcFd, src, srcAccess, FILEIO_ACTION_OPEN);
-   if (result != FILEIO_SUCCESS) {
-      ErrnoSaver keep;
-      Msg_Append("@&!*@*@(msg.File.Copy.open.failure)"
-                 "Unable to open the '%s' file for read access: %s.\n\n",
-                 src, FileIO_MsgError(result));
-      return false;
-   }
-   bool copied = File_CopyFromFd(dst, overwrite, &srcFd);
+/*
+ * Copies src into the destination just created as dst (named dstName) and
+ * closes dst. A destination that did not come out whole is removed with
+ * removeIt; errno is the copy's, or the close's when only the close failed.
+ */
+template <typename Remove>
+bool FillNew(FileIODescriptor *src, FileIODescriptor *dst, const char *dstName, Remove removeIt) {
+   bool copied = File_CopyFromFdToFd(src, dst);
    int copyErrno = errno;
-   if (FileIO_Close(&srcFd) != FILEIO_SUCCESS) {
+   bool closed = FileIO_Close(dst) == FILEIO_SUCCESS;
+   if (!closed) {
+      ErrnoSaver keep;
+      Msg_Append("@&!*@*@(msg.File.CopyFromFdToName.close.failure)"
+                 "Unable to close the '%s' file: %s.\n\n", dstName, Err_ErrString());
+   }
+   if (copied && closed) {
+      return true;
+   }
+   int err = copied ? errno : copyErrno;
+   removeIt();
+   errno = err;
+   return false;
+}
+
+// Closes the source of a copy; false (with its message) when that fails.
+bool CloseSource(FileIODescriptor *src, const char *name, bool copied) {
+   int copyErrno = errno;
+   if (FileIO_Close(src) != FILEIO_SUCCESS) {
       ErrnoSaver keep;
       Msg_Append("@&!*@*@(msg.File.Copy.close.failure)Unable to close the '%s' file: %s.\n\n",
-                 src, Err_ErrString());
+                 name, Err_ErrString());
       return false;
    }
    errno = copyErrno;
    return copied;
 }
 
-// One tree copy. With links followed, the directories on the way down are
-// remembered, so that a link back up to one of them ends the copy instead
-// of nesting copies until the path is too long.
+void TellOpenFailure(const char *src, int err) {
+   ErrnoSaver keep;
+   Msg_Append("@&!*@*@(msg.File.Copy.open.failure)"
+              "Unable to open the '%s' file for read access: %s.\n\n",
+              src, FileIO_MsgError(FileIOErrno2Result(err)));
+}
+
+void TellCreateFailure(const char *dst, int err) {
+   ErrnoSaver keep;
+   Msg_Append("@&!*@*@(msg.File.CopyFromFdToName.create.failure)"
+              "Unable to create a new '%s' file: %s.\n\n", dst, FileIO_MsgError(FileIOErrno2Result(err)));
+}
+
+// The text of the link name in dirFd, byte for byte; null with errno.
+char *ReadLinkAt(int dirFd, const char *name) {
+   for (size_t size = 256;; size *= 2) {
+      UniqueCStr buffer(static_cast<char *>(Util_SafeMalloc(size)));
+      ssize_t length = readlinkat(dirFd, name, buffer.get(), size);
+      if (length < 0) {
+         return nullptr;
+      }
+      if (static_cast<size_t>(length) < size) {
+         buffer.get()[length] = '\0';
+         return buffer.release();
+      }
+   }
+}
+
+/*
+ * One tree copy, walked by directory descriptors: every entry is examined,
+ * opened or created relative to the descriptor of its directory, and no
+ * directory is opened through a link the copy does not mean to follow, so
+ * a link planted or swapped in on either side is never written or read
+ * through. With links followed, the directories on the way down are
+ * remembered, so that a link back up to one of them ends the copy instead
+ * of nesting copies until the path is too long.
+ */
 class TreeCopy {
 public:
    TreeCopy(bool overwrite, bool followSymlinks)
       : overwrite_(overwrite), follow_(followSymlinks) {}
 
-   bool Directory(const char *src, const char *dst, const struct stat &st) {
+   bool Directory(int srcFd, int dstFd, const char *src, const char *dst) {
+      struct stat st;
+      if (fstat(srcFd, &st) != 0) {
+         return false;
+      }
       ancestors_.emplace_back(st.st_dev, st.st_ino);
-      bool ok = Contents(src, dst);
+      bool ok = Contents(srcFd, dstFd, src, dst);
       ancestors_.pop_back();
       return ok;
    }
@@ -104,25 +150,52 @@ private:
       return false;
    }
 
-   bool Contents(const char *src, const char *dst) {
+   int NoFollow() const { return follow_ ? 0 : O_NOFOLLOW; }
+
+   // Opens name in dirFd as the object examined as st, or -1 with errno
+   // (ESTALE when something else took its place meanwhile).
+   int OpenSource(int dirFd, const char *name, int flags, const struct stat &st) const {
+      UniqueFd fd(openat(dirFd, name, flags | O_CLOEXEC | NoFollow()));
+      struct stat now;
+      if (!fd || fstat(fd.get(), &now) != 0) {
+         return -1;
+      }
+      if (now.st_dev != st.st_dev || now.st_ino != st.st_ino) {
+         errno = ESTALE;
+         return -1;
+      }
+      return fd.release();
+   }
+
+   // The destination directory name in dirFd, made if needed and opened
+   // without following a link: a link planted there is not a directory to
+   // copy into (ENOTDIR), whatever it points to.
+   static int OpenDestinationDirectory(int dirFd, const char *name) {
+      if (mkdirat(dirFd, name, 0777) != 0 && errno != EEXIST) {
+         return -1;
+      }
+      int fd = openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (fd < 0 && errno == ELOOP) {
+         errno = ENOTDIR;
+      }
+      return fd;
+   }
+
+   bool Contents(int srcFd, int dstFd, const char *src, const char *dst) {
       char **names;
-      int count = File_ListDirectory(src, &names);
+      int count = FileListDirectoryAt(srcFd, src, &names, false);
       if (count < 0) {
          ErrnoSaver keep;
          Msg_Append("@&!*@*@(msg.File.CopyTree.walk.failure)"
                     "Unable to access '%s' when copying files.\n\n", src);
          return false;
       }
-      if (FileCreateDirectory(dst, 0777) == EEXIST && !File_IsDirectory(dst)) {
-         errno = ENOTDIR;  // told, not fatal: the entries below fail on their own
-      }
-
       bool ok = true;
       for (int i = 0; i < count; i++) {
          if (ok) {
             UniqueCStr srcEntry(File_PathJoin(src, names[i]));
             UniqueCStr dstEntry(File_PathJoin(dst, names[i]));
-            ok = Entry(srcEntry.get(), dstEntry.get());
+            ok = Entry(srcFd, dstFd, names[i], srcEntry.get(), dstEntry.get());
          }
          free(names[i]);
       }
@@ -130,17 +203,17 @@ private:
       return ok;
    }
 
-   bool Entry(const char *src, const char *dst) {
+   bool Entry(int srcDir, int dstDir, const char *name, const char *src, const char *dst) {
       struct stat st;
-      if ((follow_ ? stat(src, &st) : lstat(src, &st)) != 0) {
+      if (fstatat(srcDir, name, &st, follow_ ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
          ErrnoSaver keep;
          Msg_Append("@&!*@*@(msg.File.CopyTree.stat.failure)"
                     "Unable to get information on '%s' when copying files.\n\n", src);
          return false;
       }
       if (S_ISLNK(st.st_mode)) {
-         UniqueCStr text(Posix_ReadLink(src));
-         if (text == nullptr || symlink(text.get(), dst) != 0) {
+         UniqueCStr text(ReadLinkAt(srcDir, name));
+         if (text == nullptr || symlinkat(text.get(), dstDir, name) != 0) {
             ErrnoSaver keep;
             Msg_Append("@&!*@*@(msg.File.CopyTree.symlink.failure)"
                        "Unable to symlink '%s' to '%s': %s\n\n",
@@ -150,19 +223,20 @@ private:
          return true;
       }
       bool copied;
-      if (S_ISDIR(st.st_mode) && !IsAncestor(st)) {
-         return Directory(src, dst, st);  // an entry below says why it failed
-      } else if (S_ISDIR(st.st_mode)) {
+      if (S_ISDIR(st.st_mode) && IsAncestor(st)) {
          errno = ELOOP;
          copied = false;
+      } else if (S_ISDIR(st.st_mode)) {
+         UniqueFd in(OpenSource(srcDir, name, O_RDONLY | O_DIRECTORY, st));
+         UniqueFd out(in ? OpenDestinationDirectory(dstDir, name) : -1);
+         if (in && out) {
+            return Directory(in.get(), out.get(), src, dst);  // an entry below says why it failed
+         }
+         copied = false;
       } else if (IsSpecial(st.st_mode)) {
-         copied = RecreateSpecial(dst, st, overwrite_);
+         copied = RecreateSpecial(dstDir, name, st);
       } else {
-         // The entry was examined by name; if it is swapped before the open,
-         // a link is not followed (unless links are) and a FIFO does not block.
-         uint32_t access = FILEIO_ACCESS_READ | FILEIO_ACCESS_NONBLOCK |
-                           (follow_ ? 0 : FILEIO_ACCESS_NOFOLLOW);
-         copied = CopyNamed(src, dst, overwrite_, access);
+         copied = CopyFile(srcDir, dstDir, name, src, dst, st);
       }
       if (!copied) {
          ErrnoSaver keep;
@@ -170,6 +244,49 @@ private:
                     src, dst, Err_ErrString());
       }
       return copied;
+   }
+
+   // mknod of the same kind; with overwrite, an existing non-directory goes.
+   bool RecreateSpecial(int dirFd, const char *name, const struct stat &st) const {
+      if (mknodat(dirFd, name, st.st_mode, st.st_rdev) == 0) {
+         return true;
+      }
+      if (errno != EEXIST || !overwrite_ || unlinkat(dirFd, name, 0) != 0) {
+         return false;
+      }
+      return mknodat(dirFd, name, st.st_mode, st.st_rdev) == 0;
+   }
+
+   bool CopyFile(int srcDir, int dstDir, const char *name, const char *src, const char *dst,
+                 const struct stat &st) const {
+      // Non-blocking: an entry swapped for a FIFO since it was examined must
+      // not hang the copy (the check of the object opened then refuses it).
+      UniqueFd in(OpenSource(srcDir, name, O_RDONLY | O_NONBLOCK, st));
+      if (!in) {
+         TellOpenFailure(src, errno);
+         return false;
+      }
+      // Never through a link, never into a FIFO or device left at the name.
+      int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC |
+                  (overwrite_ ? O_TRUNC : O_EXCL);
+      UniqueFd out(openat(dstDir, name, flags, 0600));
+      struct stat dstSt;
+      if (out && fstat(out.get(), &dstSt) == 0 && !S_ISREG(dstSt.st_mode)) {
+         out.reset();
+         errno = EINVAL;
+      }
+      if (!out) {
+         int err = errno;
+         TellCreateFailure(dst, err);
+         errno = err;
+         return false;
+      }
+      FileIODescriptor srcHandle;
+      FileIODescriptor dstHandle;
+      Adopt(&srcHandle, in.release(), src);
+      Adopt(&dstHandle, out.release(), dst);
+      bool copied = FillNew(&srcHandle, &dstHandle, dst, [&] { unlinkat(dstDir, name, 0); });
+      return CloseSource(&srcHandle, src, copied);
    }
 
    bool overwrite_;
@@ -216,29 +333,40 @@ bool File_CopyFromFd(const char *dstName, bool overwrite, FileIODescriptor *src)
                  "Unable to create a new '%s' file: %s.\n\n", dstName, FileIO_MsgError(result));
       return false;
    }
-
-   bool copied = File_CopyFromFdToFd(src, &dst);
-   int copyErrno = errno;
-   bool closed = FileIO_Close(&dst) == FILEIO_SUCCESS;
-   if (!closed) {
-      ErrnoSaver keep;
-      Msg_Append("@&!*@*@(msg.File.CopyFromFdToName.close.failure)"
-                 "Unable to close the '%s' file: %s.\n\n", dstName, Err_ErrString());
-   }
-   if (copied && closed) {
-      return true;
-   }
-   int err = copied ? errno : copyErrno;
    // The name was created above as a regular file: it is removed as one.
-   FileDeletion(dstName, false);
-   errno = err;
-   return false;
+   return FillNew(src, &dst, dstName, [&] { FileDeletion(dstName, false); });
 }
 
+/*
+ * Copies the bytes of src into dst. The destination is never opened
+ * through a symbolic link: copying onto a link fails and leaves both the
+ * link and what it points to as they were.
+ */
 bool File_Copy(const char *src, const char *dst, bool overwrite) {
-   return CopyNamed(src, dst, overwrite, FILEIO_ACCESS_READ);
+   FileIODescriptor srcFd;
+   FileIO_Invalidate(&srcFd);
+   FileIOResult result = FileIO_Open(&srcFd, src, FILEIO_ACCESS_READ, FILEIO_ACTION_OPEN);
+   if (result != FILEIO_SUCCESS) {
+      ErrnoSaver keep;
+      Msg_Append("@&!*@*@(msg.File.Copy.open.failure)"
+                 "Unable to open the '%s' file for read access: %s.\n\n",
+                 src, FileIO_MsgError(result));
+      return false;
+   }
+   bool copied = File_CopyFromFd(dst, overwrite, &srcFd);
+   return CloseSource(&srcFd, src, copied);
 }
 
+/*
+ * Copies the tree below src into dst. Symbolic links are recreated with
+ * their text unchanged, or followed when asked; special files (FIFOs,
+ * sockets, devices) are recreated as such rather than read, since reading
+ * one could block for ever or copy a whole device. Every entry is reached
+ * through the descriptor of its directory, and a directory is never
+ * entered through a link that is not meant to be followed: a link found at
+ * a destination name ends the copy with "Not a directory" instead of
+ * letting it write wherever the link points.
+ */
 bool File_CopyTree(const char *src, const char *dst, bool overwrite, bool followSymlinks) {
    if (!File_IsDirectory(src)) {
       ErrnoSaver keep;
@@ -252,11 +380,12 @@ bool File_CopyTree(const char *src, const char *dst, bool overwrite, bool follow
                  "Destination path '%s' is not a directory.", dst);
       return false;
    }
-   struct stat st;
-   if (stat(src, &st) != 0) {
-      return false;  // gone since the check above
+   UniqueFd srcFd(open(src, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+   UniqueFd dstFd(open(dst, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+   if (!srcFd || !dstFd) {
+      return false;  // gone since the checks above
    }
-   return TreeCopy(overwrite, followSymlinks).Directory(src, dst, st);
+   return TreeCopy(overwrite, followSymlinks).Directory(srcFd.get(), dstFd.get(), src, dst);
 }
 
 int File_Rename(const char *oldName, const char *newName) {

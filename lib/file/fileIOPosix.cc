@@ -55,10 +55,11 @@ void FailOpen(FileIODescriptor *file) {
    FileIO_Invalidate(file);
 }
 
-// The caching, descriptor-lock and delete steps after a good open; 0 or the
-// failed call's errno, with *what naming that call.
+// The descriptor-lock, caching and delete steps after a good open; 0 or the
+// failed call's errno, with *what naming the step in the log. The
+// descriptor lock stands for a locking open, so its failure is the open's.
 int AfterOpen(const FileIODescriptor *file, uint32_t access, const char **what) {
-   *what = "fcntl";
+   *what = "open";
    if ((access & FILEIO_ACCESS_FLOCK) != 0) {
       int op = LOCK_EX | ((access & FILEIO_ACCESS_NONBLOCK) != 0 ? LOCK_NB : 0);
       int rc;
@@ -68,6 +69,7 @@ int AfterOpen(const FileIODescriptor *file, uint32_t access, const char **what) 
          return errno;
       }
    }
+   *what = "fcntl";
    if ((access & (FILEIO_ACCESS_DIRECT | FILEIO_ACCESS_UNCACHED)) != 0) {
       int err = posix_fadvise(file->fd, 0, 0, POSIX_FADV_DONTNEED);
       if (err != 0) {

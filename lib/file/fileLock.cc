@@ -94,20 +94,9 @@ const char *CacheOnce(std::atomic<char *> *slot, char *value) {
    return value;
 }
 
-// The old form: Base64 of {host-name hash, hardware ID}, "/" written as "-".
+// The old form of this host.
 char *ComputeOldMachineID() {
-   unsigned char raw[12];
-   uint32_t nameHash = HostNameHash();
-   uint64_t hardware = HardwareID();
-   memcpy(raw, &nameHash, 4);
-   memcpy(raw + 4, &hardware, 8);
-   char *id = Base64Encode(raw, sizeof raw);
-   for (char *p = id; *p != '\0'; p++) {
-      if (*p == '/') {
-         *p = '-';
-      }
-   }
-   return id;
+   return OldMachineID(HostNameHash(), HardwareID());
 }
 
 // "uuid=" and the host UUID (SHA-1 of the hardware ID), blanks as "-"; null
@@ -139,26 +128,15 @@ char *ComputeUuidMachineID() {
 std::atomic<char *> gMachineID;
 std::atomic<char *> gOldMachineID;
 
-// Compares the hardware bytes of the local old-form ID and another old-form ID.
-bool OldMachineIDMatch(const char *other) {
-   unsigned char local[12];
-   unsigned char theirs[12];
-   const char *localID = GetOldMachineID();
-   if (Base64Decode(localID, local, sizeof local) != 12) {
-      Warning("%s: unexpected decode problem #1 (%s)\n", "OldMachineIDMatch", localID);
-      return false;
-   }
-   UniqueCStr text(Util_SafeStrdup(other));
+// Decodes an old-form ID ("/" written as "-") into its 12 bytes.
+bool DecodeOldMachineID(const char *id, unsigned char raw[12]) {
+   UniqueCStr text(Util_SafeStrdup(id));
    for (char *p = text.get(); *p != '\0'; p++) {
       if (*p == '-') {
          *p = '/';
       }
    }
-   if (Base64Decode(text.get(), theirs, sizeof theirs) != 12) {
-      Warning("%s: unexpected decode problem #2 (%s)\n", "OldMachineIDMatch", other);
-      return false;
-   }
-   return memcmp(local + 4, theirs + 4, 8) == 0;
+   return Base64Decode(text.get(), raw, 12) == 12;
 }
 
 // name=value with a non-empty name and value.
@@ -267,6 +245,33 @@ uint32_t LocationChecksum(const char *path) {
    return hash;
 }
 
+char *OldMachineID(uint32_t nameHash, uint64_t hardware) {
+   unsigned char raw[12];
+   memcpy(raw, &nameHash, 4);
+   memcpy(raw + 4, &hardware, 8);
+   char *id = Base64Encode(raw, sizeof raw);
+   for (char *p = id; *p != '\0'; p++) {
+      if (*p == '/') {
+         *p = '-';
+      }
+   }
+   return id;
+}
+
+bool OldMachineIDMatch(const char *localOld, const char *other) {
+   unsigned char local[12];
+   unsigned char theirs[12];
+   if (!DecodeOldMachineID(localOld, local)) {
+      Warning("%s: unexpected decode problem #1 (%s)\n", "OldMachineIDMatch", localOld);
+      return false;
+   }
+   if (!DecodeOldMachineID(other, theirs)) {
+      Warning("%s: unexpected decode problem #2 (%s)\n", "OldMachineIDMatch", other);
+      return false;
+   }
+   return memcmp(local + 4, theirs + 4, 8) == 0;
+}
+
 const char *GetOldMachineID() {
    char *id = gOldMachineID.load(std::memory_order_acquire);
    return id != nullptr ? id : CacheOnce(&gOldMachineID, ComputeOldMachineID());
@@ -291,7 +296,7 @@ bool MachineIDMatch(const char *local, const char *other) {
       return strcmp(local + 5, other + 5) == 0;
    }
    if (localUuid) {
-      return OldMachineIDMatch(other);
+      return OldMachineIDMatch(GetOldMachineID(), other);
    }
    return !otherUuid && strcmp(local, other) == 0;
 }
@@ -318,13 +323,15 @@ char *GetExecutionID() {
 }
 
 bool ValidExecutionID(const char *executionID) {
-   int pid;
+   unsigned int upid;
+   int pid = -1;
    unsigned long long start = 0;
-   char tail;
-   bool parsed = sscanf(executionID, "%d-%llu%c", &pid, &start, &tail) == 2;
-   if (!parsed) {
+   bool parsed = sscanf(executionID, "%u-%llu", &upid, &start) == 2;
+   if (parsed) {
+      pid = static_cast<int>(upid);
+   } else {
       start = 0;
-      parsed = sscanf(executionID, "%d%c", &pid, &tail) == 1;
+      parsed = sscanf(executionID, "%d", &pid) == 1;
    }
    if (!parsed || pid < 0) {
       Warning("FILE: %s parse error on '%s'. Assuming valid.\n", "FileLockValidExecutionID",
@@ -342,7 +349,7 @@ bool ValidExecutionID(const char *executionID) {
 }
 
 char *NormalizePath(const char *path) {
-   if (path == nullptr || path[0] == '\0') {
+   if (path == nullptr) {
       return nullptr;
    }
    char *dirPart = nullptr;

@@ -37,11 +37,10 @@ struct LockValues {
    bool exclusive = false;
    uint64_t startMsec = 0;              // monotonic
    uint32_t msecMaxWait = 0;
-   // The member file this was read from (device, inode, change time): a
-   // file of the same name made later is another request, never this one.
+   // The member file this was read from: a file of the same name made
+   // later is another request, never this one.
    dev_t fileDevice = 0;
    ino_t fileInode = 0;
-   struct timespec fileChanged = {};
 };
 void FreeValues(LockValues *values);
 
@@ -66,6 +65,11 @@ const char *GetMachineID();
 bool MachineIDMatch(const char *local, const char *other);
 // Old-form identity of this host (Base64 of host-name hash and hardware ID).
 const char *GetOldMachineID();
+// The old form of {nameHash, hardware}: Base64 with every "/" written "-".
+char *OldMachineID(uint32_t nameHash, uint64_t hardware);
+// Whether two old-form IDs name the same hardware (the host-name hash is
+// not compared); an ID that does not decode to 12 bytes matches nothing.
+bool OldMachineIDMatch(const char *localOld, const char *other);
 
 // "pid-starttime" of this process; null when it cannot be determined.
 char *GetExecutionID();

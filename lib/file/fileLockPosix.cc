@@ -115,8 +115,9 @@ bool ProcessStartTime(int pid, uint64_t *usec) {
    if (p == nullptr) {
       return false;
    }
-   // Field 22 (start time) is the 20th after the name.
-   for (int field = 3; field < 22; field++) {
+   // Field 22 (start time) is the 20th after the name: step from the blank
+   // before field 3 to the blank before field 22.
+   for (int field = 2; field < 22; field++) {
       p = strchr(p + 1, ' ');
       if (p == nullptr) {
          return false;

@@ -34,7 +34,6 @@
 #include "err.h"
 #include "log.h"
 #include "str.h"
-#include "userlock.h"
 #include "util.h"
 
 // A held lock: the normalised path and our member file.
@@ -124,17 +123,24 @@ char *EntryName(char kind, uint32_t number) {
    return Str_SafeAsprintf(nullptr, "%c%05u%s", kind, number, ".lck");
 }
 
-// mkdir with mode 0777 exactly: the umask is cleared around the call, and
-// the process-wide lock keeps our own threads from seeing the cleared mask.
+/*
+ * mkdir with mode 0777 exactly, whatever the umask: every locker of every
+ * user must be able to add its entries. The mode is set on the directory
+ * itself afterwards (opened without following a link, so the change can
+ * only reach the directory made here); the umask, which every thread of
+ * the process shares, is never touched.
+ */
 int MakeDirectory(const char *path) {
-   static MXUserExclLock *gMakeDirLock;
-   MXUserExclLock *lock = MXUser_CreateSingletonExclLockInt(&gMakeDirLock, "fileLockMakeDirectory", 0);
-   MXUser_AcquireExclLock(lock);
-   mode_t saved = umask(0);
-   int err = mkdir(path, 0777) == 0 ? 0 : errno;
-   umask(saved);
-   MXUser_ReleaseExclLock(lock);
-   return err;
+   if (mkdir(path, 0777) != 0) {
+      return errno;
+   }
+   UniqueFd dir(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+   if (!dir || fchmod(dir.get(), 0777) != 0) {
+      int err = errno;
+      rmdir(path);
+      return err;
+   }
+   return 0;
 }
 
 int RemoveDirectory(const char *path) {
@@ -270,7 +276,6 @@ int MemberValues(const char *lockDir, const char *name, LockValues *values) {
       values->memberName = Util_SafeStrdup(name);
       values->fileDevice = st.st_dev;
       values->fileInode = st.st_ino;
-      values->fileChanged = st.st_ctim;
    }
    return err;
 }
@@ -394,10 +399,25 @@ uint32_t PollMsec(uint64_t elapsed) {
    return elapsed < 20000 ? static_cast<uint32_t>(elapsed / 10) : 2000;
 }
 
-bool SameFile(const struct stat &st, const LockValues &member) {
-   return st.st_dev == member.fileDevice && st.st_ino == member.fileInode &&
-          st.st_ctim.tv_sec == member.fileChanged.tv_sec &&
-          st.st_ctim.tv_nsec == member.fileChanged.tv_nsec;
+/*
+ * Whether the member file name still holds the request that member was
+ * read from: 0 yes, ENOENT when it is gone or now holds another request
+ * (its owner released it and made a new member under the same name, which
+ * stands behind ours), another error when it cannot be read. Only what a
+ * request is made of counts: the file, its ticket and its owner. Its change
+ * time does not: anyone may chmod, touch or tag the file, and the request
+ * is still there.
+ */
+int StillHeld(const char *lockDir, const char *fileName, const LockValues &member) {
+   LockValues now;
+   int err = MemberValues(lockDir, fileName, &now);
+   if (err == 0 && (now.fileDevice != member.fileDevice || now.fileInode != member.fileInode ||
+                    now.ticket != member.ticket ||
+                    strcmp(now.executionID, member.executionID) != 0)) {
+      err = ENOENT;
+   }
+   FreeValues(&now);
+   return err;
 }
 
 int WaitForPossession(const char *lockDir, const char *fileName, LockValues *member,
@@ -418,15 +438,9 @@ int WaitForPossession(const char *lockDir, const char *fileName, LockValues *mem
       }
       uint32_t d = PollMsec(elapsed);
       Sleeper(d / 2, d);
-      struct stat st;
-      if (stat(path.get(), &st) != 0) {
-         return errno == ENOENT ? 0 : errno;
-      }
-      // The member's owner released it and has since made another member
-      // under the same name: that later request stands behind ours, and
-      // waiting on the name alone would wait for ever.
-      if (!SameFile(st, *member)) {
-         return 0;
+      int err = StillHeld(lockDir, fileName, *member);
+      if (err != 0) {
+         return err == ENOENT ? 0 : err;
       }
       if (local && !ValidExecutionID(member->executionID)) {
          Warning("FILE: %s discarding file '%s'; invalid executionID.\n", fn, path.get());
@@ -453,7 +467,9 @@ struct Entry {
 
 /*
  * Step 1: makes the lock directory if needed and claims an entry number
- * whose marker we created and whose member does not exist.
+ * whose marker we created and whose member does not exist. The lock
+ * directory is examined without following a link: a link there is removed
+ * like any other non-directory, never used.
  */
 int CreateEntryDirectory(const char *lockDir, const LockValues *me, Entry *entry) {
    const char *fn = "FileLockCreateEntryDirectory";

@@ -117,15 +117,8 @@ int FileDeletion(const char *path, bool handleLink) {
 
 namespace {
 
-WalkDirContext WalkStart(const char *path, bool raw) {
-   if (path == nullptr) {
-      errno = EFAULT;
-      return nullptr;
-   }
-   DIR *dir = opendir(path);
-   if (dir == nullptr) {
-      return nullptr;
-   }
+// Takes dir over; path names the directory in warnings.
+WalkDirContext WalkOver(DIR *dir, const char *path, bool raw) {
    auto *context = static_cast<WalkDirContextImpl *>(Util_SafeMalloc(sizeof(WalkDirContextImpl)));
    context->dirName = Util_SafeStrdup(path);
    context->dir = dir;
@@ -134,8 +127,17 @@ WalkDirContext WalkStart(const char *path, bool raw) {
    return context;
 }
 
-int ListDirectory(const char *path, char ***names, bool raw) {
-   WalkDirContext context = WalkStart(path, raw);
+WalkDirContext WalkStart(const char *path, bool raw) {
+   if (path == nullptr) {
+      errno = EFAULT;
+      return nullptr;
+   }
+   DIR *dir = opendir(path);
+   return dir != nullptr ? WalkOver(dir, path, raw) : nullptr;
+}
+
+// Collects the walk's names; the walk is ended in every case.
+int ListWalk(WalkDirContext context, char ***names) {
    if (context == nullptr) {
       return -1;
    }
@@ -175,8 +177,10 @@ bool File_WalkDirectoryNext(WalkDirContext context, char **name) {
       errno = EINVAL;
       return false;
    }
-   errno = 0;
    for (;;) {
+      // Cleared before every read: a failed write of the warning below must
+      // not pass for a read error at the end of the stream.
+      errno = 0;
       struct dirent *entry = readdir(context->dir);
       if (entry == nullptr) {
          return false;  // errno: 0 at the end, or the read's error
@@ -215,9 +219,20 @@ void File_WalkDirectoryEnd(WalkDirContext context) {
 }
 
 int File_ListDirectory(const char *path, char ***names) {
-   return ListDirectory(path, names, false);
+   return ListWalk(WalkStart(path, false), names);
 }
 
-int FileListDirectoryRaw(const char *path, char ***names) {
-   return ListDirectory(path, names, true);
+int FileListDirectoryAt(int dirFd, const char *path, char ***names, bool raw) {
+   // A descriptor of its own, so that reading the stream never moves dirFd.
+   int fd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+   if (fd < 0) {
+      return -1;
+   }
+   DIR *dir = fdopendir(fd);
+   if (dir == nullptr) {
+      ErrnoSaver keep;
+      close(fd);
+      return -1;
+   }
+   return ListWalk(WalkOver(dir, path, raw), names);
 }

@@ -45,16 +45,21 @@ int FileRemoveDirectory(const char *path);
 
 /*
  * unlink(path). With handleLink and path a symbolic link, the file the link
- * points to (its text as read) is unlinked first; a failure other than
- * ENOENT is returned and the link stays. A null path is EFAULT.
+ * points to is unlinked first; a failure other than ENOENT is returned and
+ * the link stays. A relative link text is taken from the link's own
+ * directory, never the current one, so the file removed is the one the link
+ * names. A null path is EFAULT.
  */
 int FileDeletion(const char *path, bool handleLink);
 
 /*
- * As File_ListDirectory, but names that are not valid UTF-8 are listed as
- * they are stored, for work that must reach every entry (tree deletion).
+ * File_ListDirectory of the directory open on dirFd, read through a
+ * descriptor of its own so dirFd's position never moves. With raw, names
+ * that are not valid UTF-8 are listed as they are stored, for work that
+ * must reach every entry (tree deletion). path names the directory in
+ * warnings only; it is never opened.
  */
-int FileListDirectoryRaw(const char *path, char ***names);
+int FileListDirectoryAt(int dirFd, const char *path, char ***names, bool raw);
 
 HALCYX_EXTERN_C_END
 

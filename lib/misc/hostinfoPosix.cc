@@ -18,8 +18,8 @@
  * caller owns (the keep list stays the caller's to free), make system calls
  * and, on failure, format a message; their descriptors, signal actions,
  * timers, limits and session are their own. All signals stay blocked in the
- * caller until the first child has reset every action, so no handler of the
- * caller's runs in a child.
+ * caller until the first child has put every handler back to the default
+ * action, so no handler of the caller's runs in a child.
  */
 #include "hostinfo.h"
 
@@ -106,13 +106,22 @@ void Inherit(int fd) {
    }
 }
 
-// Moves fd above the standard descriptors, which are about to be replaced.
+// Moves fd above the standard descriptors, which may be about to be replaced.
 int AboveStdio(int fd) {
    if (fd < 0 || fd > STDERR_FILENO) {
       return fd;
    }
    int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
    return moved >= 0 ? moved : fd;
+}
+
+bool IsKept(int fd, const int *keep, size_t numKeep) {
+   for (size_t i = 0; i < numKeep; i++) {
+      if (keep[i] == fd) {
+         return true;
+      }
+   }
+   return false;
 }
 
 void RedirectToDevNull(int target, int mode) {
@@ -179,13 +188,18 @@ struct LaunchRequest {
       Warning("%s: Couldn't chdir to /, error %u.\n", kTag, error);
       DaemonizeFail(statusFd, error);
    }
+   const int ownStatusFd = statusFd;
    int pidFd = req.pidFd;
    if ((req.flags & HOSTINFO_DAEMONIZE_NOSETSID) == 0) {
       statusFd = AboveStdio(statusFd);
       pidFd = AboveStdio(pidFd);
-      RedirectToDevNull(STDIN_FILENO, O_RDONLY);
-      RedirectToDevNull(STDOUT_FILENO, O_WRONLY);
-      RedirectToDevNull(STDERR_FILENO, O_WRONLY);
+      // A kept descriptor keeps its number even there: a caller whose own
+      // standard descriptors were closed may hand over 0, 1 or 2.
+      for (int target : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+         if (!IsKept(target, req.keepFds, req.numKeepFds)) {
+            RedirectToDevNull(target, target == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+         }
+      }
    }
    if (pidFd >= 0) {
       int error = WritePidFile(pidFd, req.pidPath);
@@ -198,8 +212,12 @@ struct LaunchRequest {
          close(pidFd);
       }
    }
+   // A kept number that named nothing in the caller may name the status
+   // pipe or the PID file since: neither may reach the daemon.
    for (size_t i = 0; i < req.numKeepFds; i++) {
-      Inherit(req.keepFds[i]);
+      if (req.keepFds[i] != ownStatusFd && req.keepFds[i] != req.pidFd) {
+         Inherit(req.keepFds[i]);
+      }
    }
    if (execv(req.path, req.args) != -1) {
       halcyx::PanicNotReached("lib/misc/hostinfoPosix", 3381);
@@ -222,6 +240,16 @@ template <typename Body> __attribute__((noinline)) pid_t VforkInto(const Body &b
 [[noreturn]] void DaemonizeChild(const LaunchRequest &req, int statusFd, const int *keep,
                                  size_t numKeep) {
    Hostinfo_ResetProcessState(keep, numKeep);
+   // The real-time signals keep their actions through the reset, but no
+   // handler of the caller's may run here, in the caller's memory: those
+   // go back to the default action, as the exec would do anyway.
+   for (int sig = 33; sig < NSIG; sig++) {
+      struct sigaction action;
+      if (sigaction(sig, nullptr, &action) == 0 && action.sa_handler != SIG_DFL &&
+          action.sa_handler != SIG_IGN) {
+         signal(sig, SIG_DFL);
+      }
+   }
    sigset_t none;
    sigemptyset(&none);
    sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -357,8 +385,9 @@ int Hostinfo_ResetProcessState(const int *keepFds, size_t numKeepFds) {
    action.sa_handler = SIG_DFL;
    sigfillset(&action.sa_mask);
    action.sa_flags = SA_RESTART;
-   // SIGKILL, SIGSTOP and the C library's internal signals refuse; fine.
-   for (int sig = 1; sig < NSIG; sig++) {
+   // The classic signals only: real-time signals keep what the caller chose.
+   // SIGKILL, SIGSTOP and the C library's internal signal 32 refuse; fine.
+   for (int sig = 1; sig <= 32; sig++) {
       sigaction(sig, &action, nullptr);
    }
 

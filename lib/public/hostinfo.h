@@ -22,21 +22,23 @@ HALCYX_EXTERN_C_BEGIN
  * Starts path with the null-terminated argument vector args (both UTF-8) as
  * a daemon: fork, new session, second fork, exec, so that the daemon is not
  * the caller's child and does not lead its session. The environment passes
- * unchanged. Descriptors 0-2 and the numKeepFds descriptors of keepFds stay
- * open in the daemon under their numbers (even when close-on-exec here);
- * every other descriptor is closed. With pidPath the daemon's process ID is
- * written there as decimal text and a newline. Returns true once the daemon
- * has executed; false with errno set otherwise (the PID file, if one was
- * written, is removed then).
+ * unchanged. The numKeepFds descriptors of keepFds stay open in the daemon
+ * under their numbers, whatever they are (even when close-on-exec here);
+ * descriptors 0-2 that are not kept go to /dev/null (they stay as they are
+ * with HOSTINFO_DAEMONIZE_NOSETSID); every other descriptor is closed.
+ * With pidPath the daemon's process ID is written there as decimal text and
+ * a newline. Returns true once the daemon has executed; false with errno set
+ * otherwise (the PID file, if one was written, is removed then).
  */
 bool Hostinfo_Daemonize(const char *path, char const *const *args, uint32_t flags,
                         const char *pidPath, const int *keepFds, size_t numKeepFds);
 
 /*
- * For a freshly forked child: stops the interval timers, puts every signal
- * back to its default action, closes every descriptor above 2 that is not in
- * keepFds and raises the address-space soft limit to the hard limit. Returns
- * the result of that setrlimit, or -1 with errno when getrlimit fails.
+ * For a freshly forked child: stops the interval timers, puts signals 1 to
+ * 32 back to their default action (the real-time signals above keep
+ * theirs), closes every descriptor above 2 that is not in keepFds and raises
+ * the address-space soft limit to the hard limit. Returns the result of that
+ * setrlimit, or -1 with errno when getrlimit fails.
  */
 int Hostinfo_ResetProcessState(const int *keepFds, size_t numKeepFds);
 

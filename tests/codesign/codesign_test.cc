@@ -204,7 +204,7 @@ TEST_F(Codesign, FileVerdicts) {
           ASSERT_EQ(setxattr(p.c_str(), kCodeDirectoryXattr, cd, static_cast<size_t>(n), 0), 0);
        }, 7},
       {"signature attribute missing", "zorvex", "com.zorvex.tool",
-       [](const std::string &p) { ASSERT_EQ(removexattr(p.c_str(), kCodeSignatureXattr), 0); }, 3},
+       [](const std::string &p) { ASSERT_EQ(removexattr(p.c_str(), kCodeSignatureXattr), 0); }, 7},
       {"content appended", "zorvex", "com.zorvex.tool",
        [](const std::string &p) { std::ofstream(p, std::ios::app) << "more"; }, 7},
    };
@@ -235,9 +235,11 @@ TEST_F(Codesign, PathAndIdentifierCodes) {
       {work_ + "/missing", "com.zorvex.tool", 3},
       {work_ + "/link", "com.zorvex.tool", 3},
       {work_ + "/fifo", "com.zorvex.tool", 3},
-      {MakeFile("unsigned"), "com.zorvex.tool", 3},
+      {MakeFile("unsigned"), "com.zorvex.tool", 7},
+      {path + "/", "com.zorvex.tool", 3},
       {path, "com.zorvex.tool\" or identifier \"x", 5},
       {path, "line\nbreak", 5},
+      {path, "com.zorvex.tool\xc2\x85", 5},  // NEL, a C1 control
       {path, nullptr, 5},
    };
    for (const auto &c : cases) {
@@ -262,9 +264,12 @@ TEST_F(Codesign, BundleVerdicts) {
       {"link leaving the bundle", "zorvex", "ln -s ../../.. Contents/Resources/up", 7},
       {"Info.plist changed", "zorvex", "sed -i s/gold/lead/ Contents/Info.plist", 7},
       {"FIFO added", "zorvex", "mkfifo Contents/pipe", 7},
-      {"signature directory removed", "zorvex", "rm -r Contents/_CodeSignature", 3},
-      {"files beside the signature are not sealed", "zorvex",
-       "echo x > Contents/_CodeSignature/notes", 0},
+      {"signature directory removed", "zorvex", "rm -r Contents/_CodeSignature", 7},
+      {"file beside the signature", "zorvex", "echo x > Contents/_CodeSignature/notes", 7},
+      {"FIFO beside the signature", "zorvex", "mkfifo Contents/_CodeSignature/pipe", 7},
+      {"link beside the signature", "zorvex", "ln -s ../Info.plist Contents/_CodeSignature/i", 7},
+      {"set-user-ID signature object", "zorvex", "chmod u+s Contents/_CodeSignature/CodeDirectory",
+       7},
    };
    for (const Case &c : cases) {
       std::string b = MakeBundle("App.bundle", "com.zorvex.app");
@@ -383,7 +388,7 @@ TEST_F(Codesign, DescriptorCoversTheBytesReadFromIt) {
    }
    EXPECT_EQ(copied, original);
    EXPECT_EQ(VerifyFdWithPolicy(fd.get(), "com.zorvex.tool", policy_), 0);
-   EXPECT_EQ(Verify(path, "com.zorvex.tool"), 3);  // the replacement is unsigned
+   EXPECT_EQ(Verify(path, "com.zorvex.tool"), 7);  // the replacement is unsigned
 
    std::string inPlace = MakeFile("inplace");
    SignWith(inPlace, "zorvex", "com.zorvex.tool");
@@ -412,6 +417,98 @@ TEST_F(Codesign, LargeFilesHashedEitherWay) {
          EXPECT_EQ(Verify(path, "com.zorvex.large"), spoil ? 7 : 0) << owner << spoil;
          unlink(path.c_str());
       }
+   }
+}
+
+// Sizes and listings are compared before any content is hashed: a huge
+// sparse file in place of the signed one, or beside the sealed ones, is
+// refused without reading a byte of it.
+TEST_F(Codesign, CheapChecksBeforeHashing) {
+   constexpr off_t kHuge = off_t{1} << 30;
+   std::string file = MakeFile("tool");
+   SignWith(file, "zorvex", "com.zorvex.tool");
+   ASSERT_EQ(truncate(file.c_str(), kHuge), 0);
+   std::string b = MakeBundle("App.bundle", "com.zorvex.app");
+   SignWith(b, "zorvex", "com.zorvex.app");
+   UniqueFd extra(open((b + "/Contents/Resources/huge").c_str(), O_WRONLY | O_CREAT, 0644));
+   ASSERT_EQ(ftruncate(extra.get(), kHuge), 0);
+   for (const auto &[path, identifier] : {std::pair{file, "com.zorvex.tool"},
+                                          std::pair{b, "com.zorvex.app"}}) {
+      uint64_t before = BytesHashed();
+      EXPECT_EQ(Verify(path, identifier), 7) << path;
+      EXPECT_EQ(BytesHashed() - before, 0u) << path;
+   }
+}
+
+// A link is judged by where the kernel would take it, following the links
+// on its way: one that stays inside on paper may leave through another.
+TEST_F(Codesign, LinksResolvedAsTheKernelDoes) {
+   struct {
+      const char *link, *target;
+      bool inside;
+   } cases[] = {
+      {"Contents/escape", "up/../outside", false},      // up -> .. is the bundle directory
+      {"Contents/deeper", "up/Contents/up/../..", false},
+      {"Contents/info", "up/Contents/Info.plist", true},
+      {"Contents/dangling", "up/missing", true},
+   };
+   for (const auto &c : cases) {
+      std::string b = MakeBundle("App.bundle", "com.zorvex.app");
+      ASSERT_EQ(symlink("..", (b + "/Contents/up").c_str()), 0);
+      UniqueFd fd(OpenCode(b.c_str()));
+      Seal seal;
+      ASSERT_TRUE(CollectSeal(fd.get(), &seal));
+      // The seal a signer would have made had it judged the link by its text.
+      seal[c.link] = SealedEntry{true, {}, c.target};
+      ASSERT_EQ(symlink(c.target, (b + "/" + c.link).c_str()), 0);
+      Seal collected;
+      EXPECT_EQ(CollectSeal(fd.get(), &collected), c.inside) << c.link;
+      EXPECT_EQ(CheckSeal(fd.get(), seal), c.inside) << c.link;
+      Shell("rm -rf " + b);
+   }
+}
+
+// What a descriptor's verdict promises: its directory offset stays put, and
+// the root-only form refuses code that anyone but root could still change.
+TEST_F(Codesign, DescriptorOffsetAndRootOnly) {
+   std::string b = MakeBundle("App.bundle", "com.zorvex.app");
+   SignWith(b, "zorvex", "com.zorvex.app");
+   UniqueFd dir(OpenCode(b.c_str()));
+   ASSERT_EQ(VerifyFdWithPolicy(dir.get(), "com.zorvex.app", policy_), 0);
+   EXPECT_EQ(lseek(dir.get(), 0, SEEK_CUR), 0);
+
+   if (geteuid() != 0) {
+      GTEST_SKIP() << "needs root to give files to root and to others";
+   }
+   std::string file = MakeFile("tool");
+   SignWith(file, "zorvex", "com.zorvex.tool");
+   UniqueFd probe(open(file.c_str(), O_RDONLY));
+   struct stat st;
+   ASSERT_EQ(fstat(probe.get(), &st), 0);
+   if (!OnlyRootCanWrite(probe.get(), st)) {
+      GTEST_SKIP() << "the temporary directory is not on a local file system known to this check";
+   }
+   struct {
+      const char *what;
+      std::string path, setup;  // setup runs on a tree owned by root, 0755/0644
+      const char *identifier;
+      int code;
+   } cases[] = {
+      {"root's file", file, "true", "com.zorvex.tool", 0},
+      {"file of another user", file, "chown 65534 " + file, "com.zorvex.tool", 7},
+      {"group-writable file", file, "chmod g+w " + file, "com.zorvex.tool", 7},
+      {"root's bundle", b, "true", "com.zorvex.app", 0},
+      {"bundle file of another user", b, "chown 65534 " + b + "/Contents/Resources/data.bin",
+       "com.zorvex.app", 7},
+      {"bundle directory writable by others", b, "chmod o+w " + b + "/Contents/Helpers",
+       "com.zorvex.app", 7},
+   };
+   for (const auto &c : cases) {
+      ASSERT_EQ(Shell("chown -Rh 0:0 " + c.path + " && chmod -R go-w " + c.path + " && " + c.setup),
+                0) << c.what;
+      UniqueFd fd(OpenCode(c.path.c_str()));
+      EXPECT_EQ(VerifyFdWithPolicy(fd.get(), c.identifier, policy_, true), c.code) << c.what;
+      EXPECT_EQ(VerifyFdWithPolicy(fd.get(), c.identifier, policy_), 0) << c.what;
    }
 }
 
@@ -496,6 +593,7 @@ TEST_F(Codesign, ToolExitStatusAndDetachedForm) {
       GTEST_SKIP() << "built with vendor roots: no development identity to sign with";
    }
    std::string path = MakeFile("tool");
+   std::string other = MakeFile("other", 4095);
    std::string id = devDir + "/developer.identity.pem";
    ASSERT_EQ(Shell("cp " + devDir + "/developer.chain.pem " + work_ + "/split.pem && cp " + devDir +
                    "/developer.key " + work_ + "/split.key"), 0);
@@ -513,10 +611,13 @@ TEST_F(Codesign, ToolExitStatusAndDetachedForm) {
       {"-v -R 'identifier (' " + path, 2},
       {"-d " + path + " | grep -qx Identifier=com.zorvex.tool", 0},
       {"--export " + path + ".sig " + path, 0},
+      {"--attach " + path + ".sig " + path, 1},  // already signed, no -f
+      {"--attach " + path + ".sig " + other, 1},  // made for other content
       {"--remove-signature " + path, 0},
       {"-v " + path, 1},
       {"--attach " + path + ".sig " + path, 0},
       {"-v " + path, 0},
+      {"--attach " + path + ".sig -f " + path, 0},
       {"-s " + Pki("noeku.identity.pem") + " -f " + path, 1},
       {"-s " + work_ + "/split.pem -f -i com.zorvex.tool " + path, 0},  // key in split.key
       {"-v " + path, 0},

@@ -96,28 +96,30 @@ TEST(CodeDirectoryParser, AcceptsOnlyTheCanonicalForm) {
    }
 }
 
-TEST(CodeResourcesParser, RefusesPathsAndValuesOutsideTheForm) {
-   auto plist = [](const std::string &entries, const std::string &extraRoot = "") {
-      return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>" + extraRoot +
-             "<key>files</key><dict>" + entries + "</dict></dict></plist>";
-   };
-   const std::string data32 = "<data>" + std::string(43, 'A') + "=</data>";
-   const std::string link = "<dict><key>symlink</key><string>../b</string></dict>";
+TEST(CodeResourcesParser, AcceptsOnlyWhatTheSignerWrites) {
+   Digest hash;
+   hash.fill(7);
+   const SealedEntry file{false, hash, ""};
+   auto link = [](const char *target) { return SealedEntry{true, {}, target}; };
+   const std::string good = FormatCodeResources({{"a/b", file}, {"a/c", link("../b")}});
    Seal seal;
-   ASSERT_TRUE(ParseCodeResources(plist("<key>a/b</key>" + data32 + "<key>a/c</key>" + link), &seal));
+   ASSERT_TRUE(ParseCodeResources(good, &seal));
    EXPECT_EQ(seal.size(), 2u);
    EXPECT_TRUE(seal["a/c"].isLink);
+   const size_t first = good.find("<key>a/b</key>"), second = good.find("<key>a/c</key>");
    const std::string bad[] = {
-      plist("<key>/abs</key>" + data32),
-      plist("<key>./a</key>" + data32),
-      plist("<key>a/../b</key>" + data32),
-      plist("<key>a//b</key>" + data32),
-      plist("<key>Contents/_CodeSignature/x</key>" + data32),
-      plist("<key>a</key><data>AAAA</data>"),
-      plist("<key>a</key><string>x</string>"),
-      plist("<key>a</key><dict><key>symlink</key><string>../../x</string></dict>"),
-      plist("<key>a</key><dict><key>symlink</key><string>/etc</string></dict>"),
-      plist("<key>a</key>" + data32, "<key>more</key><string>x</string>"),
+      FormatCodeResources({{"/abs", file}}),
+      FormatCodeResources({{"./a", file}}),
+      FormatCodeResources({{"a/../b", file}}),
+      FormatCodeResources({{"a//b", file}}),
+      FormatCodeResources({{"Contents/_CodeSignature/x", file}}),
+      FormatCodeResources({{"a", link("../../x")}}),
+      FormatCodeResources({{"a", link("/etc")}}),
+      good + "junk",
+      good + good,                                                 // a second list
+      good.substr(0, good.rfind("</plist>")),                      // unclosed
+      good.substr(0, second) + good.substr(first, second - first) +
+         good.substr(second),                                      // a key twice
       "<plist version=\"1.0\"><array/></plist>",
       "bplist00garbage",
       "",

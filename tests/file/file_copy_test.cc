@@ -20,6 +20,7 @@
 #include "file_test_util.h"
 #include "msg.h"
 #include "msgList.h"
+#include "stat_swap.h"
 
 namespace {
 
@@ -147,6 +148,31 @@ TEST(FileCopyTree, LinksAreRecreatedOrFollowedAndSpecialFilesRecreated) {
    EXPECT_EQ(PendingMessages(),
              "Source path '" + t.Path("notdir") + "' is not a directory.\n" +
                 "Destination path '" + t.Path("notdir") + "' is not a directory.\n");
+}
+
+TEST(FileCopyTree, NeverGoesThroughALinkItDoesNotFollow) {
+   TempDir outside;
+   outside.Write("secret", "s");
+   TempDir t;
+   t.Write("src/a/file", "A");
+   t.Write("src/b/file", "B");
+   t.Link(outside.Path(""), "dst/a");  // planted in the destination
+   PendingMessages();
+   EXPECT_FALSE(File_CopyTree(t.Path("src").c_str(), t.Path("dst").c_str(), true, false));
+   EXPECT_FALSE(outside.Exists("file"));
+   EXPECT_EQ(PendingMessages(), "Unable to copy '" + t.Path("src/a") + "' to '" + t.Path("dst/a") +
+                                   "': Not a directory\n\n");
+
+   // A source directory swapped for a link after it was looked at.
+   t.Write("src2/sub/f", "");
+   ASSERT_EQ(mkdir(t.Path("dst2").c_str(), 0755), 0);
+   halcyx::test::ArmSwap("sub", [&] {
+      ASSERT_EQ(rename(t.Path("src2/sub").c_str(), t.Path("moved").c_str()), 0);
+      ASSERT_EQ(symlink(outside.Path("").c_str(), t.Path("src2/sub").c_str()), 0);
+   });
+   EXPECT_FALSE(File_CopyTree(t.Path("src2").c_str(), t.Path("dst2").c_str(), true, false));
+   EXPECT_FALSE(t.Exists("dst2/sub/secret"));
+   PendingMessages();
 }
 
 TEST(FileCopyTree, UndecodableNameStopsTheCopyWithAMessage) {

@@ -15,6 +15,8 @@
 #include "child.h"
 #include "file.h"
 #include "file_test_util.h"
+#include "log.h"
+#include "stat_swap.h"
 
 namespace {
 
@@ -142,9 +144,26 @@ TEST(FileDirectories, TreeDeletionRemovesLinksNotWhatTheyPointTo) {
    t.Write("plain", "");
    errno = 0;
    EXPECT_TRUE(File_DeleteDirectoryTree(t.Path("tree").c_str()));
+   EXPECT_EQ(errno, 0);
    EXPECT_TRUE(File_DeleteDirectoryTree(t.Path("plain/below").c_str()));
    EXPECT_FALSE(File_DeleteDirectoryTree(t.Path("plain").c_str()));
    EXPECT_EQ(errno, ENOTDIR);
+}
+
+TEST(FileDirectories, TreeDeletionNeverEntersADirectorySwappedForALink) {
+   TempDir outside;
+   outside.Write("keep/file", "data");
+   TempDir t;
+   t.Write("tree/sub/x", "");
+   // Between the look at "sub" and what follows, "sub" becomes a link out.
+   halcyx::test::ArmSwap("sub", [&] {
+      ASSERT_EQ(rename(t.Path("tree/sub").c_str(), t.Path("moved").c_str()), 0);
+      ASSERT_EQ(symlink(outside.Path("keep").c_str(), t.Path("tree/sub").c_str()), 0);
+   });
+   EXPECT_TRUE(File_DeleteDirectoryTree(t.Path("tree").c_str()));
+   EXPECT_TRUE(outside.Exists("keep/file"));
+   EXPECT_FALSE(t.Exists("tree"));
+   EXPECT_TRUE(t.Exists("moved/x"));
 }
 
 std::vector<std::string> List(const std::string &dir, int *count) {
@@ -194,6 +213,20 @@ TEST(FileListing, InvalidNamesShareOneReplacementName) {
    std::sort(lines.begin(), lines.end());
    std::sort(wants.begin(), wants.end());
    EXPECT_EQ(lines, wants);
+
+   // A warning that cannot be written is no read error: the end of the
+   // listing is still the end.
+   ASSERT_EQ(unlink(t.Path("d/plain").c_str()), 0);
+   ASSERT_EQ(unlink(t.Path("d/\xc3\xa9t\xc3\xa9").c_str()), 0);
+   r = halcyx::test::RunInChild([&] {
+      if (ServiceImplLogOpen("/dev/full") < 0) {
+         _exit(3);
+      }
+      int n;
+      List(t.Path("d"), &n);
+      _exit(n == 1 ? 0 : 2);
+   });
+   EXPECT_EQ(r.ExitCode(), 0);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include "child.h"
 #include "setuid_install.h"
@@ -197,6 +198,13 @@ TEST_F(Handles, DescriptorLockExcludesSecondOpen) {
                          FILEIO_ACCESS_READ | FILEIO_ACCESS_FLOCK | FILEIO_ACCESS_NONBLOCK, FILEIO_ACTION_OPEN),
              FILEIO_ERROR);
    EXPECT_EQ(errno, EWOULDBLOCK);
+   // The lock is part of the open: its failure is told as the open's.
+   auto r = RunInChild([&] {
+      FileIO_Open(&b, existing_.c_str(), FILEIO_ACCESS_READ | FILEIO_ACCESS_FLOCK | FILEIO_ACCESS_NONBLOCK,
+                  FILEIO_ACTION_OPEN);
+   });
+   EXPECT_EQ(LogEntries(r.out), std::vector<std::string>{"FILE:open error on " + existing_ +
+                                                         ": Resource temporarily unavailable\n"});
    FileIO_Close(&a);
    ASSERT_EQ(FileIO_Open(&b, existing_.c_str(), FILEIO_ACCESS_READ | FILEIO_ACCESS_FLOCK, FILEIO_ACTION_OPEN),
              FILEIO_SUCCESS);

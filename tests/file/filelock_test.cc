@@ -2,12 +2,16 @@
 // processes (live, dead or foreign) leave in a lock directory.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <string>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "child.h"
@@ -15,11 +19,20 @@
 #include "file/fileLockInt.h"
 #include "err.h"
 #include "fileLock.h"
+#include "internal/unique.h"
 #include "msgList.h"
 
 namespace fs = std::filesystem;
 using namespace halcyx::filelock;
 using halcyx::test::RunInChild;
+
+// The process's file-creation mask is shared by all its threads: library
+// code must never change it. Every call is counted.
+std::atomic<int> gUmaskCalls;
+extern "C" mode_t umask(mode_t mask) noexcept {
+   gUmaskCalls++;
+   return static_cast<mode_t>(syscall(SYS_umask, mask));
+}
 
 namespace {
 
@@ -104,27 +117,40 @@ TEST(MachineIdentity, MatchesAcrossForms) {
    if (strncmp(local, "uuid=", 5) != 0) {
       GTEST_SKIP() << "no SHA-1 on this host";
    }
-   // The old form of this host with another host-name hash still matches:
-   // only the hardware address counts.
-   std::string renamed = old;
-   renamed[0] = renamed[0] == 'A' ? 'B' : 'A';
-   std::string otherHardware = old;
-   otherHardware[10] = otherHardware[10] == 'A' ? 'B' : 'A';
    struct Case {
-      const char *a;
-      std::string b;
+      const char *a, *b;
       bool match;
    } cases[] = {
       {local, local, true},
       {local, old, true},
-      {local, renamed, true},
-      {local, otherHardware, false},
       {local, "not*base64", false},
       {old, local, false},
       {old, old, true},
    };
    for (const auto &c : cases) {
-      EXPECT_EQ(MachineIDMatch(c.a, c.b.c_str()), c.match) << c.a << " vs " << c.b;
+      EXPECT_EQ(MachineIDMatch(c.a, c.b), c.match) << c.a << " vs " << c.b;
+   }
+}
+
+TEST(MachineIdentity, OldFormsMatchByHardwareAlone) {
+   // Hardware bytes 0xff come out as "/" in Base64, written "-" in the ID.
+   const uint64_t hardware = 0xffffffffffff0000ull;
+   halcyx::UniqueCStr local(OldMachineID(0x01020304, hardware));
+   halcyx::UniqueCStr renamed(OldMachineID(0x0a0b0c0d, hardware));
+   halcyx::UniqueCStr otherHardware(OldMachineID(0x01020304, hardware ^ 0x10000));
+   ASSERT_NE(strchr(local.get(), '-'), nullptr) << local.get();
+   struct Case {
+      const char *a, *b;
+      bool match;
+   } cases[] = {
+      {local.get(), local.get(), true},
+      {local.get(), renamed.get(), true},
+      {local.get(), otherHardware.get(), false},
+      {local.get(), "not*base64", false},
+      {"not*base64", local.get(), false},
+   };
+   for (const auto &c : cases) {
+      EXPECT_EQ(OldMachineIDMatch(c.a, c.b), c.match) << c.a << " vs " << c.b;
    }
 }
 
@@ -144,11 +170,29 @@ TEST(ExecutionIdentity, ValidOnlyWhileThatProcessRuns) {
       {pid + "-0", true},
       {pid, true},
       {DeadExecutionID(), false},
+      {DeadExecutionID() + "x", false},  // trailing text is not read
       {"garbage", true},  // unparsable: never delete on a guess
    };
    for (const auto &c : cases) {
       EXPECT_EQ(ValidExecutionID(c.id.c_str()), c.valid) << c.id;
    }
+
+   // Each process carries its own start time: one started later reads later.
+   usleep(50000);
+   int fds[2];
+   ASSERT_EQ(pipe(fds), 0);
+   pid_t child = fork();
+   if (child == 0) {
+      char c;
+      close(fds[1]);
+      _exit(read(fds[0], &c, 1) < 0 ? 1 : 0);
+   }
+   uint64_t childStart = 0;
+   EXPECT_TRUE(ProcessStartTime(child, &childStart));
+   EXPECT_GT(childStart, start);
+   close(fds[0]);
+   close(fds[1]);
+   waitpid(child, nullptr, 0);
 }
 
 TEST(LockPath, Normalization) {
@@ -157,6 +201,7 @@ TEST(LockPath, Normalization) {
       std::string out;
    } cases[] = {
       {"file", "./file"},  // a bare name stays relative
+      {"", "./"},
       {"//file", "/file"},
       {".//x", fs::current_path().string() + "/x"},
    };
@@ -170,8 +215,6 @@ TEST(LockPath, Normalization) {
    int err = 0;
    MsgList *msgs = nullptr;
    EXPECT_EQ(FileLock_Lock(nullptr, false, 0, &err, &msgs), nullptr);
-   EXPECT_EQ(err, EINVAL);
-   EXPECT_EQ(FileLock_Lock("", false, 0, &err, nullptr), nullptr);
    EXPECT_EQ(err, EINVAL);
    EXPECT_FALSE(FileLock_Unlock(nullptr, &err, nullptr));
    EXPECT_EQ(err, EINVAL);
@@ -216,6 +259,39 @@ TEST_F(LockDir, SharedLockersShareAndExclusiveOnesExclude) {
       EXPECT_EQ(err, 0);
       EXPECT_FALSE(fs::exists(lck_)) << "an empty lock directory is removed";
    }
+}
+
+TEST_F(LockDir, LockDirectoryIsSharedWithoutTouchingTheUmask) {
+   umask(022);
+   gUmaskCalls = 0;
+   int err = -1;
+   FileLockToken *token = FileLock_Lock(path_.c_str(), false, 0, &err, nullptr);
+   ASSERT_NE(token, nullptr);
+   EXPECT_EQ(gUmaskCalls, 0);
+   struct stat st;
+   ASSERT_EQ(stat(lck_.c_str(), &st), 0);
+   EXPECT_EQ(st.st_mode & 07777, 0777u);
+   EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
+}
+
+TEST_F(LockDir, TouchingTheHoldersMemberDoesNotReleaseIt) {
+   int err = -1;
+   FileLockToken *held = FileLock_Lock(path_.c_str(), false, 0, &err, nullptr);
+   ASSERT_NE(held, nullptr);
+   std::string member = fs::directory_iterator(lck_)->path().string();
+   FileLockToken *second = nullptr;
+   int secondErr = -1;
+   std::thread waiter([&] { second = FileLock_Lock(path_.c_str(), false, 1500, &secondErr, nullptr); });
+   usleep(500000);  // the waiter is waiting for the holder by now
+   EXPECT_EQ(chmod(member.c_str(), 0600), 0);
+   EXPECT_EQ(utimensat(AT_FDCWD, member.c_str(), nullptr, 0), 0);
+   waiter.join();
+   EXPECT_EQ(second, nullptr) << "two holders of one exclusive lock";
+   EXPECT_EQ(secondErr, EAGAIN);
+   if (second != nullptr) {
+      FileLock_Unlock(second, &err, nullptr);
+   }
+   EXPECT_TRUE(FileLock_Unlock(held, &err, nullptr));
 }
 
 TEST_F(LockDir, LeftoversAreCleared) {

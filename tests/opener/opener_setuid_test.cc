@@ -4,9 +4,9 @@
 // daemon from it, and rendezvous with a daemon scripted by the test.
 //
 // The opener and daemon come from a sandbox build whose fixed paths all lie
-// under SANDBOX_DIR. This process moves into a private mount namespace and covers
-// that directory with a fresh tmpfs for every test, so nothing reaches the
-// host; it is also the subreaper of everything it starts, so the daemons
+// under SANDBOX_DIR. This process moves into a private mount namespace with
+// a private /tmp and covers that directory with a fresh tmpfs for every
+// test, so nothing reaches the host; it is also the subreaper of everything it starts, so the daemons
 // (which detach from the openers) are its children and die with each test.
 #include <gtest/gtest.h>
 
@@ -23,6 +23,7 @@
 #include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -138,8 +139,9 @@ protected:
    // descriptors (source, number in the opener); stdin is /dev/null unless
    // mapped, stdout goes to the file *out when given.
    pid_t Spawn(std::vector<std::string> args, std::vector<std::pair<int, int>> fds = {},
-               fs::path *out = nullptr, std::vector<std::string> env = {}) {
-      std::string uid = "--reuid=" + std::to_string(sNobody);
+               fs::path *out = nullptr, std::vector<std::string> env = {},
+               uid_t user = sNobody) {
+      std::string uid = "--reuid=" + std::to_string(user);
       std::vector<std::string> all = {"/usr/bin/setpriv", uid, "--regid=65534", "--clear-groups",
                                       "--", kOpener};
       all.insert(all.end(), args.begin(), args.end());
@@ -184,6 +186,17 @@ protected:
       int status = 0;
       waitpid(pid, &status, 0);
       return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+   }
+
+   // Wait for at most 5 s; -2 when pid still runs then.
+   static int WaitBriefly(pid_t pid) {
+      int status = 0;
+      for (int i = 0; i < 100; i++, usleep(50000)) {
+         if (waitpid(pid, &status, WNOHANG) == pid) {
+            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+         }
+      }
+      return -2;
    }
 
    // The matches of re in the daemon's log (each as its whole text and its
@@ -384,6 +397,51 @@ TEST_F(SandboxedOpener, ShellModePipeEndsExactlyWhenTheOpenerDies) {
    kill(opener, SIGKILL);
    Wait(opener);
    EXPECT_EQ(DaemonLog(closed, 1).size(), 1u);
+}
+
+// The daemon started for one user serves them all: its first caller can
+// neither signal it, nor starve it through the limits it started with, nor
+// hold every session.
+TEST_F(SandboxedOpener, NoUserCanStopStarveOrCrowdOutTheDaemon) {
+   struct rlimit saved;
+   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+   const struct rlimit eight = {8, saved.rlim_max};
+   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &eight), 0);
+   fs::path out;
+   pid_t first = Spawn({"0"}, {}, &out);
+   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+   ASSERT_EQ(Wait(first), 0) << Slurp(out);
+   pid_t daemon = DaemonPid();
+   ASSERT_GT(daemon, 0);
+
+   const fs::path proc = "/proc/" + std::to_string(daemon);
+   std::string status = Slurp(proc / "status");
+   EXPECT_NE(status.find("\nUid:\t0\t0\t0\t0\n"), std::string::npos) << status;
+   EXPECT_NE(status.find("\nGid:\t0\t0\t0\t0\n"), std::string::npos) << status;
+   std::smatch m;
+   std::string limits = Slurp(proc / "limits");
+   ASSERT_TRUE(std::regex_search(limits, m, std::regex("Max open files +([0-9]+)")));
+   EXPECT_GE(std::stoul(m[1]), 1024u);
+   pid_t signaller = fork();
+   if (signaller == 0) {
+      _exit(setresuid(sNobody, sNobody, sNobody) == 0 && kill(daemon, SIGSTOP) != 0 &&
+                  errno == EPERM
+               ? 0
+               : 1);
+   }
+   EXPECT_EQ(Wait(signaller), 0) << "the first caller's user could stop the daemon";
+
+   // One user's shell-mode callers fill that user's 64 sessions; the next
+   // one of the same user is refused, another user's is served.
+   const int perUser = 64;
+   for (int i = 0; i < perUser; i++) {
+      Spawn({});
+   }
+   EXPECT_EQ(DaemonLog("watching the liveness pipe", perUser).size(), size_t{perUser});
+   EXPECT_EQ(WaitBriefly(Spawn({})), 1) << "a session over the user's share";
+   pid_t other = Spawn({}, {}, nullptr, {}, sNobody - 1);
+   EXPECT_EQ(DaemonLog("watching the liveness pipe of pid " + std::to_string(other), 1).size(),
+             1u);
 }
 
 // The test plays the daemon: it listens on the socket before the opener

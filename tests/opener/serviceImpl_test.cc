@@ -2,9 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <filesystem>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <regex>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "child.h"
@@ -149,6 +154,46 @@ TEST_F(Rendezvous, ARefusingCallbackStartsNothingAndEndsTheRendezvous) {
    EXPECT_EQ(r.ExitCode(), 1) << "called once, then failure without another pass";
    EXPECT_EQ(r.out, "");
    EXPECT_TRUE(std::filesystem::exists(lock));
+}
+
+// From now on flock fails in this process with error, whatever it is given.
+bool RefuseFlock(int error) {
+   struct sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_flock, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (error & SECCOMP_RET_DATA)),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+   };
+   struct sock_fprog program = {sizeof filter / sizeof filter[0], filter};
+   return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+          prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+// Taking the lock file's lock is part of opening it: either failing is the
+// open's failure, and ends the rendezvous.
+TEST_F(Rendezvous, ALockThatCannotBeTakenIsAFailedOpen) {
+   const struct {
+      std::string lock;
+      int flockError;  // 0: flock works
+      int error;
+   } cases[] = {
+      {dir_ / "missing" / "lock", 0, ENOENT},
+      {dir_ / "lock", ENOLCK, ENOLCK},
+   };
+   std::string sock = dir_ / "sock";
+   for (const auto &c : cases) {
+      auto r = RunInChild([&] {
+         ServiceImpl_PrivLower();  // whoever runs the test: raising restores it
+         if (c.flockError != 0 && !RefuseFlock(c.flockError)) {
+            _exit(10);
+         }
+         _exit(ServiceImplOpener(c.lock.c_str(), sock.c_str(), "/nonexistent", 0) ? 11 : 0);
+      });
+      EXPECT_EQ(r.ExitCode(), 0);
+      EXPECT_EQ(LogEntries(r.out),
+                std::vector<std::string>{"Warning: ServiceImplPickSockSide: open errno " +
+                                         std::to_string(c.error) + ".\n"});
+   }
 }
 
 TEST_F(Rendezvous, SocketPathsThatCannotBeAddressedEndTheProcess) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -126,6 +127,73 @@ TEST_F(Daemonize, DaemonKeepsOnlyTheListedDescriptorsAndRunsDetached) {
       }
       Release();
    }
+}
+
+// A caller whose own standard descriptors were closed gets its objects at 0
+// to 2; kept there, they stay there, and only the unlisted 1 goes to
+// /dev/null.
+TEST_F(Daemonize, KeptStandardDescriptorsKeepTheirNumbers) {
+   Pipes();
+   ChildResult r = RunInChild([&] {
+      if (dup2(report_[1], STDIN_FILENO) < 0 || dup2(hold_[0], STDERR_FILENO) < 0) {
+         _exit(3);
+      }
+      kept_[0] = kept_[2] = STDIN_FILENO;
+      kept_[1] = STDERR_FILENO;
+      _exit(Launch(0, "") ? 0 : 1);
+   });
+   ASSERT_EQ(r.ExitCode(), 0) << r.out;
+   close(report_[1]);
+   close(hold_[0]);
+   pid_t pid = ReportedPid();
+   ASSERT_GT(pid, 0) << "the daemon got /dev/null for its kept descriptors";
+   std::string proc = "/proc/" + std::to_string(pid) + "/fd/", self = "/proc/self/fd/";
+   EXPECT_EQ(fs::read_symlink(proc + "0"), fs::read_symlink(self + std::to_string(report_[0])));
+   EXPECT_EQ(fs::read_symlink(proc + "1"), "/dev/null");
+   EXPECT_EQ(fs::read_symlink(proc + "2"), fs::read_symlink(self + std::to_string(hold_[1])));
+}
+
+// A kept number that names nothing in the caller is the next one free, so
+// the launch's own status pipe takes it: it must not reach the daemon, or
+// the caller waits for the daemon's end to learn that it started.
+TEST_F(Daemonize, AKeptNumberThatNamedNothingPassesNothingOfTheLaunchs) {
+   Pipes();
+   ChildResult r = RunInChild([&] {
+      int readEnd = dup(0), writeEnd = dup(0);
+      close(readEnd);
+      close(writeEnd);
+      kept_[3] = writeEnd;
+      alarm(5);
+      _exit(Launch(0, "") ? 0 : 1);
+   });
+   close(report_[1]);
+   close(hold_[0]);
+   EXPECT_EQ(r.ExitCode(), 0) << "-1: still waiting after 5 s";
+   EXPECT_GT(ReportedPid(), 0);
+}
+
+// Signals 1 to 32 go back to their default action; the real-time signals
+// above keep the action the caller chose.
+TEST(ResetProcessState, ResetsTheClassicSignalsOnly) {
+   ChildResult r = RunInChild([] {
+      const struct {
+         int sig;
+         bool reset;
+      } cases[] = {{SIGHUP, true}, {SIGUSR1, true}, {SIGSYS, true},
+                   {SIGRTMIN, false}, {SIGRTMIN + 5, false}, {SIGRTMAX, false}};
+      for (const auto &c : cases) {
+         signal(c.sig, SIG_IGN);
+      }
+      Hostinfo_ResetProcessState(nullptr, 0);
+      for (const auto &c : cases) {
+         struct sigaction now;
+         if (sigaction(c.sig, nullptr, &now) != 0 ||
+             (now.sa_handler == SIG_DFL) != c.reset) {
+            _exit(c.sig);
+         }
+      }
+   });
+   EXPECT_EQ(r.ExitCode(), 0) << "the signal whose action is wrong";
 }
 
 TEST_F(Daemonize, FailuresStartNothingAndSayWhy) {

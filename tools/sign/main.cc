@@ -41,7 +41,7 @@ int Usage() {
            "       halcyx-sign -d PATH\n"
            "       halcyx-sign --remove-signature PATH...\n"
            "       halcyx-sign --export FILE PATH\n"
-           "       halcyx-sign --attach FILE PATH\n");
+           "       halcyx-sign --attach FILE [-f] PATH\n");
    return kUsage;
 }
 
@@ -168,6 +168,10 @@ int Detached(const Options &o, const char *path) {
       ok = (out && fclose(out) == 0) && ok;
       return ok ? kOk : Complain(o.detached, strerror(errno));
    }
+   SignatureObjects existing;
+   if (!o.force && ReadSignatureObjects(fd.get(), &existing) == ReadStatus::Ok) {
+      return Complain(path, "is already signed (use -f to replace the signature)");
+   }
    UniqueFd in(open(o.detached, O_RDONLY | O_CLOEXEC));
    char buf[4096];
    ssize_t n = 0;
@@ -225,7 +229,8 @@ int main(int argc, char **argv) {
    bool onePath = o.mode == Mode::Display || o.mode == Mode::Export || o.mode == Mode::Attach;
    if (!ok || o.mode == Mode::None || nPaths < 1 || (onePath && nPaths != 1) ||
        (o.requirement && o.mode != Mode::Verify) ||
-       ((o.identifier || o.force) && o.mode != Mode::Sign)) {
+       (o.identifier && o.mode != Mode::Sign) ||
+       (o.force && o.mode != Mode::Sign && o.mode != Mode::Attach)) {
       return Usage();
    }
 
