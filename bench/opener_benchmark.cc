@@ -93,8 +93,9 @@ BENCHMARK_CAPTURE(Run, baseline, &kBaseline)
 BENCHMARK_CAPTURE(Run, halcyx, &kOpener)
    ->Name("BM_Concurrent/halcyx")->Arg(1)->Arg(8)->Arg(64)->UseRealTime();
 
-// Private tmpfs over the sandbox directory, programs installed, daemon
-// started by a first opener; then this process becomes "nobody".
+// A private /tmp with the sandbox in it, programs installed, daemon
+// started by a first opener; then this process becomes "nobody" (root
+// stays its saved user ID, to stop the daemon at the end).
 const char *SetUpSandbox() {
    if (geteuid() != 0) {
       return "needs root";
@@ -117,7 +118,7 @@ const char *SetUpSandbox() {
    fs::copy_file(OPENER_BASELINE, kBaseline);
    if (chmod(kOpener.c_str(), 04755) != 0 || chmod(kBaseline.c_str(), 04755) != 0 ||
        setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||
-       setresuid(kNobody, kNobody, kNobody) != 0) {
+       setresuid(kNobody, kNobody, 0) != 0) {
       return "cannot install the programs or become nobody";
    }
    posix_spawn_file_actions_init(&gQuiet);
@@ -136,7 +137,11 @@ int main(int argc, char **argv) {
    }
    benchmark::RunSpecifiedBenchmarks();
    benchmark::Shutdown();
-   // The daemon was reparented to us and runs with our real user ID.
+   // The daemon was reparented to us; it runs as root, so root (kept as
+   // the saved user ID) stops it.
+   if (setresuid(0, 0, 0) != 0) {
+      fprintf(stderr, "opener_benchmark: cannot stop the daemon\n");
+   }
    std::ifstream children("/proc/self/task/" + std::to_string(getpid()) + "/children");
    for (pid_t pid; children >> pid;) {
       kill(pid, SIGKILL);

@@ -163,7 +163,8 @@ TEST_F(PrepareDaemon, RefusesDirectoriesAboveTheTreeThatOthersControl) {
       {"sticky directory above a missing one", [] { chmod("/Library", 01777); },
        "result=0 kept=1"},
       {"host directory owned by another user",
-       [] { chown(kTree.parent_path().parent_path().c_str(), 65534, 0); }, "result=0 kept=1"},
+       [] { EXPECT_EQ(chown(kTree.parent_path().parent_path().c_str(), 65534, 0), 0); },
+       "result=0 kept=1"},
       {"product file's parent behind a link",
        [] {
           fs::create_directories("/elsewhere");
