@@ -2,7 +2,8 @@
 // by an unprivileged user, handing descriptor 0 to a daemon that is already
 // running. The baseline is a minimal static C program that makes the same
 // system calls (bench/opener_baseline.c). Both run set-user-ID root from a
-// private tmpfs sandbox in this process's own mount namespace.
+// private tmpfs sandbox in this process's own mount namespace, the opener
+// from a copy of the signed sample bundle.
 //
 //   BM_HotPath/{baseline,halcyx}/1            one process at a time, its CPU time
 //   BM_Concurrent/{baseline,halcyx}/{1,8,64}  that many started at once, wall clock
@@ -13,6 +14,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <grp.h>
@@ -31,7 +33,8 @@ namespace fs = std::filesystem;
 namespace {
 
 const fs::path kDir = SANDBOX_DIR;
-const fs::path kOpener = kDir / "bin/halcyx-opener";
+const fs::path kOpener =
+   kDir / "Zorvex Halcyx.app/Contents/Library/services/Open Zorvex Halcyx Services";
 const fs::path kBaseline = kDir / "bin/opener-baseline";
 constexpr uid_t kNobody = 65534;
 
@@ -90,28 +93,32 @@ BENCHMARK_CAPTURE(Run, baseline, &kBaseline)
 BENCHMARK_CAPTURE(Run, halcyx, &kOpener)
    ->Name("BM_Concurrent/halcyx")->Arg(1)->Arg(8)->Arg(64)->UseRealTime();
 
-// Private tmpfs over the sandbox directory, programs installed, daemon
-// started by a first opener; then this process becomes "nobody".
+// A private /tmp with the sandbox in it, programs installed, daemon
+// started by a first opener; then this process becomes "nobody" (root
+// stays its saved user ID, to stop the daemon at the end).
 const char *SetUpSandbox() {
    if (geteuid() != 0) {
       return "needs root";
    }
-   fs::path services = kDir / "Library/Application Support/Zorvex/Zorvex Halcyx/Services/"
-                              "Contents/Library/services";
-   if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 || (mkdir(kDir.c_str(), 0755) != 0 && errno != EEXIST) ||
-       unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-       mount("halcyx-bench", kDir.c_str(), "tmpfs", 0, "mode=0755") != 0) {
+   // A private /tmp holds the sandbox; the first opener builds the Services
+   // tree from the signed sample bundle.
+   if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 || unshare(CLONE_NEWNS) != 0 ||
+       mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+       mount("halcyx-bench", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+       mkdir(kDir.c_str(), 0755) != 0) {
       return "cannot make the private sandbox";
    }
-   for (const fs::path &dir : {services, kDir / "bin", kDir / "run", kDir / "log"}) {
-      fs::create_directories(dir);
+   for (const char *dir : {"bin", "run", "log", "Library/Application Support/Zorvex/Zorvex Halcyx"}) {
+      fs::create_directories(kDir / dir);
    }
-   fs::copy_file(SANDBOX_DAEMON, services / "Zorvex Halcyx Services");
-   fs::copy_file(SANDBOX_OPENER, kOpener);
+   const std::string copy = "cp -a '" SAMPLE_BUNDLE "' '" + kDir.string() + "/'";
+   if (system(copy.c_str()) != 0 || chown(kOpener.c_str(), 0, 0) != 0) {
+      return "cannot install the sample bundle";
+   }
    fs::copy_file(OPENER_BASELINE, kBaseline);
    if (chmod(kOpener.c_str(), 04755) != 0 || chmod(kBaseline.c_str(), 04755) != 0 ||
        setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||
-       setresuid(kNobody, kNobody, kNobody) != 0) {
+       setresuid(kNobody, kNobody, 0) != 0) {
       return "cannot install the programs or become nobody";
    }
    posix_spawn_file_actions_init(&gQuiet);
@@ -130,7 +137,11 @@ int main(int argc, char **argv) {
    }
    benchmark::RunSpecifiedBenchmarks();
    benchmark::Shutdown();
-   // The daemon was reparented to us and runs with our real user ID.
+   // The daemon was reparented to us; it runs as root, so root (kept as
+   // the saved user ID) stops it.
+   if (setresuid(0, 0, 0) != 0) {
+      fprintf(stderr, "opener_benchmark: cannot stop the daemon\n");
+   }
    std::ifstream children("/proc/self/task/" + std::to_string(getpid()) + "/children");
    for (pid_t pid; children >> pid;) {
       kill(pid, SIGKILL);

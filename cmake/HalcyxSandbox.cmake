@@ -1,8 +1,9 @@
 # Initial cache for a sandbox build (cmake -C cmake/HalcyxSandbox.cmake):
 # every fixed path of the opener and the reference daemon lies under one
 # short directory, so the socket path fits sun_path wherever the sources
-# are. The demo, the integration tests and the opener benchmark cover that
-# directory with a private tmpfs in their own mount namespace; a sandbox
+# are. The demo, the integration tests and the opener benchmarks cover /tmp
+# with a private tmpfs in their own mount namespace and make that directory
+# inside it; a sandbox
 # opener must never be installed set-user-ID anywhere else.
 set(HALCYX_SANDBOX_DIR "/tmp/halcyx-sbx" CACHE STRING "Root of the sandbox's fixed paths")
 set(HALCYX_LOCK_PATH "${HALCYX_SANDBOX_DIR}/run/Zorvex Halcyx Services.lock" CACHE STRING "")

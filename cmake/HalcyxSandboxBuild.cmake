@@ -14,6 +14,11 @@ set(HALCYX_SANDBOX_CONFIG_DIR ${HALCYX_SANDBOX_BINARY_DIR}/opener/generated)
 if(TARGET halcyx_sandbox)
   return()
 endif()
+# The sandbox's verifier trusts what this build's signing identity signs.
+set(_sandbox_roots "${HALCYX_VENDOR_ROOTS_PEM}")
+if(NOT _sandbox_roots)
+  set(_sandbox_roots ${HALCYX_DEV_SIGNING_DIR}/root.pem)
+endif()
 ExternalProject_Add(halcyx_sandbox
   SOURCE_DIR ${PROJECT_SOURCE_DIR}
   BINARY_DIR ${HALCYX_SANDBOX_BINARY_DIR}
@@ -28,6 +33,7 @@ ExternalProject_Add(halcyx_sandbox
              -DHALCYX_WERROR=${HALCYX_WERROR}
              -DHALCYX_OPENER_STATIC=${HALCYX_OPENER_STATIC}
              -DHALCYX_DEPS_CACHE=${HALCYX_DEPS_CACHE_DIR}
+             -DHALCYX_VENDOR_ROOTS_PEM=${_sandbox_roots}
   BUILD_COMMAND ${CMAKE_COMMAND} --build ${HALCYX_SANDBOX_BINARY_DIR}
                 --target halcyx-opener halcyx-services-daemon
   INSTALL_COMMAND ""

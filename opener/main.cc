@@ -25,8 +25,8 @@ int main(int argc, char **argv) {
       return 1;
    }
 
-   // No prepare-daemon callback yet: the daemon starts from the Services
-   // tree as it is installed.
+   // A cold start rebuilds the Services tree before the daemon starts.
+   ServiceImpl_SetPrepareDaemonCallback(ServiceImplPrepareDaemon);
    return ServiceImpl_Opener(argc, argv, HALCYX_LOG_LEVEL, HALCYX_LOCK_PATH,
                              HALCYX_SOCKET_PATH, daemonPath);
 }

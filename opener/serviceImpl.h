@@ -33,6 +33,17 @@ void ServiceImpl_SetPrepareDaemonCallback(ServiceImplPrepareDaemonFn callback);
 ServiceImplPrepareDaemonFn ServiceImplGetPrepareDaemonCallback(void);
 
 /*
+ * The prepare-daemon callback that main registers: as root, deletes the
+ * Services tree under the host directory, records the product root in the
+ * product file, and rebuilds the tree from the bundle's code-signed
+ * components, each verified before and after its copy. True when the
+ * daemon may be started from the rebuilt tree. Refuses with one warning,
+ * touching nothing, when a directory above the host directory or the
+ * product file is not root's alone.
+ */
+bool ServiceImplPrepareDaemon(void);
+
+/*
  * Runs the opener: argc 2 hands over descriptor atoi(argv[1]); argc 1
  * (shell mode) hands over the read end of a fresh pipe and then sleeps for
  * ever holding its write end. Returns the exit status: 0 when the daemon

@@ -1,16 +1,19 @@
-// The real opener, installed set-user-ID root, started by the unprivileged
-// user "nobody" as the product starts it, against the reference daemon or a
-// daemon scripted by the test.
+// The real opener, installed set-user-ID root in a copy of the signed sample
+// bundle (owned by "nobody"), started by "nobody" as the product starts it:
+// cold starts that rebuild the Services tree and start the reference
+// daemon from it, and rendezvous with a daemon scripted by the test.
 //
-// The opener comes from a sandbox build whose fixed paths all lie under
-// SANDBOX_DIR. This process moves into a private mount namespace and covers
-// that directory with a fresh tmpfs for every test, so nothing reaches the
-// host; it is also the subreaper of everything it starts, so the daemons
+// The opener and daemon come from a sandbox build whose fixed paths all lie
+// under SANDBOX_DIR. This process moves into a private mount namespace with
+// a private /tmp and covers that directory with a fresh tmpfs for every
+// test, so nothing reaches the host; it is also the subreaper of everything it starts, so the daemons
 // (which detach from the openers) are its children and die with each test.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <poll.h>
 #include <pwd.h>
@@ -25,6 +28,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <thread>
 #include <unistd.h>
 
@@ -35,13 +39,30 @@ namespace fs = std::filesystem;
 namespace {
 
 const fs::path kDir = SANDBOX_DIR;
-const fs::path kOpener = kDir / "bin/halcyx-opener";
-const fs::path kServices =
-   kDir / "Library/Application Support/Zorvex/Zorvex Halcyx/Services/Contents/Library/services";
-const fs::path kDaemon = kServices / "Zorvex Halcyx Services";
+const fs::path kApp = kDir / "Zorvex Halcyx.app";
+const fs::path kOpener = kApp / "Contents/Library/services/Open Zorvex Halcyx Services";
+const fs::path kHost = kDir / "Library/Application Support/Zorvex/Zorvex Halcyx";
+const fs::path kTree = kHost / "Services";
+const std::string kDaemonSub = "Contents/Library/services/Zorvex Halcyx Services";
+const fs::path kDaemon = kTree / kDaemonSub;
+const fs::path kProductFile = kDir / "Library/Preferences/Zorvex Halcyx/lastLocationUsed";
 const fs::path kLock = kDir / "run/Zorvex Halcyx Services.lock";
 const fs::path kSock = kDir / "run/Zorvex Halcyx Services.sock";
 const fs::path kDaemonLog = kDir / "log/Zorvex Halcyx Services.log";
+
+// Runs a shell command line; its exit status.
+int Sh(const std::string &command) {
+   int status = system(command.c_str());
+   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string Quote(const fs::path &path) { return "'" + path.string() + "'"; }
+
+void Sign(const fs::path &path, const std::string &identifier, const char *identity = SIGNING_IDENTITY) {
+   ASSERT_EQ(Sh(std::string(SIGN_TOOL) + " -f -s " + identity + " -i '" + identifier + "' " +
+                Quote(path) + " 2>/dev/null"),
+             0);
+}
 
 std::string Slurp(const fs::path &path) {
    std::ifstream in(path);
@@ -65,10 +86,11 @@ protected:
       const struct passwd *nobody = getpwnam("nobody");
       if (geteuid() != 0 || nobody == nullptr) {
          sSkip = "needs root and the user nobody";
-      } else if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 ||
-                 (mkdir(kDir.c_str(), 0755) != 0 && errno != EEXIST) ||
-                 unshare(CLONE_NEWNS) != 0 ||
-                 mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      } else if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 || unshare(CLONE_NEWNS) != 0 ||
+                 mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                 // A private /tmp: the sandbox directory never exists on the host.
+                 mount("halcyx-tmp", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+                 mkdir(kDir.c_str(), 0755) != 0) {
          sSkip = "cannot make a private mount namespace";
       } else {
          sNobody = nobody->pw_uid;
@@ -80,11 +102,15 @@ protected:
          GTEST_SKIP() << sSkip;
       }
       ASSERT_EQ(mount("halcyx-test", kDir.c_str(), "tmpfs", 0, "mode=0755"), 0) << errno;
-      for (const fs::path &dir : {kServices, kDir / "bin", kDir / "run", kDir / "log"}) {
+      for (const fs::path &dir : {kHost, kDir / "run", kDir / "log"}) {
          fs::create_directories(dir);
       }
-      fs::copy_file(SANDBOX_OPENER, kOpener);
-      fs::copy_file(SANDBOX_DAEMON, kDaemon);
+      // The user's bundle: theirs, with modes the tree must not inherit.
+      ASSERT_EQ(Sh("cp -a '" SAMPLE_BUNDLE "' " + Quote(kApp) + " && chown -R nobody " +
+                   Quote(kApp) + " && find " + Quote(kApp / "Contents") +
+                   " -type f -exec chmod 0700 {} +"),
+                0);
+      ASSERT_EQ(chown(kOpener.c_str(), 0, 0), 0);
       ASSERT_EQ(chmod(kOpener.c_str(), 04755), 0);
    }
 
@@ -284,7 +310,8 @@ TEST_F(SandboxedOpener, DescriptorModeHandsOverTheCallersOwnObject) {
 // The daemon here is a plain sleep: it keeps exactly what it inherited,
 // while the opener waits for a greeting that never comes.
 TEST_F(SandboxedOpener, DaemonInheritsOnlyItsSocketAndPipeAndNoScrubbedVariables) {
-   fs::copy_file("/bin/sleep", kDaemon, fs::copy_options::overwrite_existing);
+   fs::copy_file("/bin/sleep", kApp / kDaemonSub, fs::copy_options::overwrite_existing);
+   Sign(kApp / kDaemonSub, "Zorvex Halcyx Services");
    pid_t opener = Spawn({"0"}, {}, nullptr,
                         {"BASH_ENV=/x", "ENV=/y", "SHELLOPTS=xtrace", "FN=() { :; }", "KEEP=1"});
    fs::path proc;
@@ -468,6 +495,149 @@ TEST_F(SandboxedOpener, FollowsTheDaemonsScript) {
    }
    EXPECT_FALSE(fs::exists(kDaemonLog)) << "no daemon may have been started";
    close(file);
+}
+
+// The components the tree is built from, in the order they are copied.
+struct Component {
+   const char *subPath;
+   mode_t mode;
+};
+constexpr Component kComponents[] = {
+   {"Contents/Library/zorvex-id", 0755},
+   {"Contents/Library/zxnet-bridge", 0755},
+   {"Contents/Library/zxnet-cfgcli", 0755},
+   {"Contents/Library/zxnet-cli", 0755},
+   {"Contents/Library/zxnet-dhcpd", 0755},
+   {"Contents/Library/zxnet-natd", 0755},
+   {"Contents/Library/zxnet-netifup", 0755},
+   {"Contents/Library/zxnet-sniffer", 0755},
+   {"Contents/Library/zorvex-usbarbitrator", 0755},
+   {"Contents/Library/productInfo", 0644},
+   {"Contents/Library/services/Zorvex Halcyx Services", 0755},
+   {"Contents/Library/services/services.sh", 0755},
+   {"Contents/Library/services/Open Zorvex USB Arbitrator Service", 0755},
+   {"Contents/Library/services/Zorvex USB Arbitrator Service", 0755},
+   {"Contents/Library/services/usbarbService.sh", 0755},
+   {"Contents/Library/LaunchServices/com.zorvex.halcyx.cdshelper", 0755},
+   {"Contents/Library/LaunchServices/com.zorvex.halcyx.cdshelper.plist", 0644},
+   {"Contents/Library/LaunchServices/com.zorvex.halcyx.diskhelper", 0755},
+   {"Contents/Library/LaunchServices/com.zorvex.halcyx.diskhelper.plist", 0644},
+   {"Contents/Library/LaunchServices/com.zorvex.halcyx.idhelper", 0755},
+   {"Contents/Library/LaunchServices/com.zorvex.halcyx.idhelper.plist", 0644},
+   {"Contents/Library/LaunchServices/com.zorvex.halcyx.mounthelper", 0755},
+   {"Contents/Library/LaunchServices/com.zorvex.halcyx.mounthelper.plist", 0644},
+   {"Contents/Frameworks/libpng16.16.dylib", 0644},
+   {"Contents/Frameworks/libssl.3.dylib", 0644},
+   {"Contents/Frameworks/libcrypto.3.dylib", 0644},
+   {"Contents/Frameworks/libzorvexbase.dylib", 0644},
+   {"Contents/Frameworks/libnetcfg.dylib", 0644},
+};
+
+// Cold starts from the bundle: what ends in the tree and the product file,
+// which daemon runs, and what a bad component or an unsafe directory stops.
+// Every failing case is followed by a cold start that recovers once the
+// bundle or the directory is put right.
+TEST_F(SandboxedOpener, ColdStartBuildsTheTreeFromVerifiedComponentsOnly) {
+   const fs::path parent = kProductFile.parent_path();
+   const fs::path temporary = kProductFile.string() + ".tmp";
+   const fs::path unsafe = kHost.parent_path();
+   struct Case {
+      const char *name;
+      std::function<void()> prepare;  // on the fresh sandbox
+      int failingRow;                 // -1: the cold start succeeds
+      std::string log;                // expected in the opener's output
+      std::function<void()> repair;
+   };
+   auto row = [](int i) { return kApp / kComponents[i].subPath; };
+   auto restore = [&](int i) {
+      return [&, i] {
+         ASSERT_EQ(Sh("cp -a '" SAMPLE_BUNDLE "/" + std::string(kComponents[i].subPath) + "' " +
+                      Quote(row(i))),
+                   0);
+      };
+   };
+   auto refused = [&](int i, int code) {
+      return "PrivilegedHelper: Failed to verify the code signature of " + row(i).string() +
+             " due to " + std::to_string(code);
+   };
+   const Case cases[] = {
+      {"product-file parent is a plain file",
+       [&] {
+          fs::create_directories(parent.parent_path());
+          std::ofstream(parent) << "x";
+       },
+       -1, "", nullptr},
+      {"older record and a read-only leftover temporary record",
+       [&] {
+          fs::create_directories(parent);
+          std::ofstream(kProductFile) << "/an/older/root/much/longer/than/this/one\n";
+          std::ofstream(temporary) << "half";
+          chmod(temporary.c_str(), 0444);
+       },
+       -1, "", nullptr},
+      {"component missing", [&] { fs::remove(row(10)); }, 10, refused(10, 3), restore(10)},
+      {"component unsigned",
+       [&] { ASSERT_EQ(Sh(std::string(SIGN_TOOL) + " --remove-signature " + Quote(row(4))), 0); },
+       4, refused(4, 7), restore(4)},
+      {"signed for another identifier",
+       [&] { Sign(row(16), "com.zorvex.halcyx.diskhelper"); }, 16, refused(16, 7), restore(16)},
+      {"signed by another organisation", [&] { Sign(row(27), "libnetcfg", OTHER_IDENTITY); }, 27,
+       refused(27, 7), restore(27)},
+      {"directory above the host directory open to others",
+       [&] {
+          fs::create_directories(kTree / "kept");
+          chmod(unsafe.c_str(), 0777);
+       },
+       0, "Warning: ServiceImplPrepareDaemon: " + kHost.string() + " or a directory above it",
+       [&] { chmod(unsafe.c_str(), 0755); }},
+   };
+   for (const Case &c : cases) {
+      SCOPED_TRACE(c.name);
+      TearDown();
+      SetUp();
+      c.prepare();
+      int note = open((kDir / "note").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+      fs::path out;
+      int status = Wait(Spawn({"5"}, {{note, 5}}, &out));
+      close(note);
+      EXPECT_NE(Slurp(out).find(c.log), std::string::npos) << Slurp(out);
+      if (c.failingRow >= 0) {
+         EXPECT_EQ(status, 1);
+         EXPECT_FALSE(fs::exists(kDaemonLog)) << "a daemon started";
+         if (c.failingRow == 0) {  // refused before anything was touched
+            EXPECT_TRUE(fs::exists(kTree / "kept"));
+            EXPECT_FALSE(fs::exists(kProductFile));
+         }
+         for (int i = 0; i < static_cast<int>(std::size(kComponents)); i++) {
+            EXPECT_EQ(fs::exists(kTree / kComponents[i].subPath), i < c.failingRow) << i;
+         }
+         c.repair();
+         status = Wait(Spawn({"0"}, {}, &out));
+      }
+      ASSERT_EQ(status, 0) << Slurp(out);
+
+      for (const Component &component : kComponents) {
+         const fs::path copy = kTree / component.subPath;
+         struct stat st = {};
+         EXPECT_EQ(lstat(copy.c_str(), &st), 0) << copy;
+         EXPECT_TRUE(S_ISREG(st.st_mode) && st.st_uid == 0 && st.st_gid == 0) << copy;
+         EXPECT_EQ(st.st_mode & 07777, component.mode) << copy;
+         for (const char *attribute : {"user.zorvex.cs.CodeDirectory", "user.zorvex.cs.CodeSignature"}) {
+            EXPECT_GT(getxattr(copy.c_str(), attribute, nullptr, 0), 0) << copy << attribute;
+         }
+      }
+      EXPECT_EQ(Slurp(kProductFile), kApp.string());
+      struct stat st = {};
+      EXPECT_EQ(stat(kProductFile.c_str(), &st), 0);
+      EXPECT_EQ(st.st_mode & 07777, 0444u);
+      EXPECT_FALSE(fs::exists(temporary));
+      pid_t daemon = DaemonPid();
+      ASSERT_GT(daemon, 0);
+      EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(daemon) + "/exe"), kDaemon);
+      if (c.failingRow < 0) {
+         EXPECT_NE(Slurp(kDir / "note").find("received this descriptor"), std::string::npos);
+      }
+   }
 }
 
 }  // namespace
