@@ -17,6 +17,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -86,7 +87,8 @@ struct Fixture {
 
    ~Fixture() {
       X509_STORE_free(store);
-      std::system(("rm -rf '" + dir + "'").c_str());
+      std::error_code ignored;
+      std::filesystem::remove_all(dir, ignored);
    }
 
    void Make(Component *c, const char *name, size_t size) {

@@ -375,6 +375,14 @@ int main(int argc, char **argv) {
       return 1;
    }
    Log("%s: started, pid %d.\n", kTag, static_cast<int>(getpid()));
+   // The opener listened with a backlog of 0, and every opener connects
+   // while it holds the rendezvous lock: with one queued connection at a
+   // time, a crowd of openers would pass the lock on one by one, each
+   // after we served the one before it. A full queue lets each connect
+   // (and its lock) end at once while we serve the queue in order.
+   if (listen(listenFd, SOMAXCONN) != 0) {
+      Warning("%s: listen errno %d.\n", kTag, errno);
+   }
 
    std::vector<Session> sessions;
    std::vector<struct pollfd> polled;
