@@ -27,22 +27,16 @@
 #include "hostinfo.h"
 #include "internal/fatal.h"
 #include "log.h"
+#include "rootBracket.h"
 #include "serviceImpl.h"
 #include "str.h"
+
+using halcyx::RootBracket;
 
 namespace {
 
 constexpr char kPickTag[] = "ServiceImplPickSockSide";
 constexpr char kStartTag[] = "ServiceImplDaemonStart";
-
-// Root for the lifetime of the object; the caller's user ID again after.
-class [[nodiscard]] RootBracket {
-public:
-   RootBracket() { ServiceImpl_PrivRaise(); }
-   ~RootBracket() { ServiceImpl_PrivLower(); }
-   RootBracket(const RootBracket &) = delete;
-   RootBracket &operator=(const RootBracket &) = delete;
-};
 
 // The socket's address; a path that does not fit sun_path ends the process
 // in the checked copy. An empty path would name Linux's abstract namespace,

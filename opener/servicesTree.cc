@@ -38,6 +38,7 @@
 #include "internal/unique.h"
 #include "location.h"
 #include "log.h"
+#include "rootBracket.h"
 #include "serviceImpl.h"
 #include "str.h"
 
@@ -45,16 +46,9 @@ using halcyx::ErrnoSaver;
 using halcyx::UniqueCStr;
 using halcyx::UniqueFd;
 
-namespace {
+using halcyx::RootBracket;
 
-// Root for the lifetime of the object; the caller's user ID again after.
-class [[nodiscard]] RootBracket {
-public:
-   RootBracket() { ServiceImpl_PrivRaise(); }
-   ~RootBracket() { ServiceImpl_PrivLower(); }
-   RootBracket(const RootBracket &) = delete;
-   RootBracket &operator=(const RootBracket &) = delete;
-};
+namespace {
 
 struct ComponentRow {
    const char *key;         // Location key: source in the bundle, destination in the tree
