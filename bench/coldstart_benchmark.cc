@@ -8,7 +8,7 @@
 //                           verifying each component before and after its
 //                           copy, and starts the daemon)
 //   BM_Hundred/baseline     one cold start plus half the time of 100 hot
-//                           openers started at once
+//                           openers run one after another
 //   BM_Hundred/halcyx       100 openers started at once with no daemon; all
 //                           must succeed and exactly one daemon must start
 //
@@ -159,8 +159,12 @@ void BM_HundredBaseline(benchmark::State &state) {
       auto start = Clock::now();
       bool ok = Openers(1);
       double cold = Seconds(start);
+      // 100 hot openers' time: one after another, shared by the 2 cores
+      // of the machine these figures are quoted for.
       start = Clock::now();
-      ok = Openers(100) && ok;
+      for (int i = 0; i < 100; i++) {
+         ok = Openers(1) && ok;
+      }
       state.SetIterationTime(cold + Seconds(start) / 2);
       if (!ok) {
          state.SkipWithError("an opener failed");

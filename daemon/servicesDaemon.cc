@@ -16,16 +16,16 @@
  *   that no caller can starve it;
  * - gives up every capability for good, keeping only the descriptors it
  *   was handed;
- * - serves callers one after another: greeting byte, one descriptor
- *   received, verdict "1" ("0" when it cannot keep more for that caller's
- *   user, so that no user can use up what the others need);
+ * - greets every caller as soon as it connects and answers each as its
+ *   descriptor arrives: verdict "1" ("0" when it cannot keep more for that
+ *   caller's user, so that no user can use up what the others need);
  * - does something visible and harmless with each descriptor: writes one
  *   line into a writable one, watches a read-only pipe (shell mode's
  *   liveness token) until its writer is gone, and logs what it got;
  * - notices the watch pipe's end-of-file: the opener that started it has
  *   finished.
- * A caller that stalls in the protocol is dropped after a few seconds so
- * that it cannot stall the callers behind it.
+ * A caller that stalls in the protocol holds up nobody else, and is dropped
+ * after a few seconds.
  */
 #include <cerrno>
 #include <climits>
@@ -33,6 +33,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
@@ -66,6 +67,9 @@ constexpr char kTag[] = "ServicesDaemon";
 // descriptors this daemon holds.
 constexpr size_t kMaxSessionsPerUser = 64;
 constexpr size_t kMaxSessions = 4096;
+// Callers greeted at once and answered as their descriptors arrive, so a
+// caller that stalls holds up nobody; it is dropped after a few seconds.
+constexpr size_t kMaxCallers = 256;
 constexpr int kStepTimeoutSeconds = 5;
 
 // A kept liveness pipe, the process that handed it over and its user.
@@ -121,8 +125,8 @@ struct OwnLimit {
 };
 constexpr OwnLimit kOwnLimits[] = {
    // Every session, and our own: standard descriptors, listening socket,
-   // watch pipe, log, the connection being served and what it brings.
-   {RLIMIT_NOFILE, kMaxSessions + 16},
+   // watch pipe, log, the callers being served and what they bring.
+   {RLIMIT_NOFILE, kMaxSessions + kMaxCallers + 16},
    {RLIMIT_CPU, RLIM_INFINITY},    // its signal would end the daemon
    {RLIMIT_FSIZE, RLIM_INFINITY},  // so would its signal on a log write
    {RLIMIT_DATA, RLIM_INFINITY},
@@ -309,38 +313,61 @@ bool Use(int fd, pid_t peer) {
    return false;
 }
 
-// One caller: greeting, descriptor, verdict.
-void ServeOne(int listenFd, std::vector<Session> &sessions) {
-   int conn = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-   if (conn < 0) {
-      if (errno != EINTR && errno != ECONNABORTED && errno != EAGAIN) {
-         Warning("%s: accept errno %d.\n", kTag, errno);
+// A caller greeted and not yet answered, and when it is dropped unanswered.
+struct Caller {
+   int conn;
+   time_t deadline;
+};
+
+time_t Now() {
+   struct timespec now;
+   clock_gettime(CLOCK_MONOTONIC, &now);
+   return now.tv_sec;
+}
+
+// Takes every queued connection (while fewer than kMaxCallers wait) and
+// greets it at once; its descriptor is read when it arrives.
+void AcceptCallers(int listenFd, std::vector<Caller> &callers) {
+   while (callers.size() < kMaxCallers) {
+      int conn = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+      if (conn < 0) {
+         if (errno != EINTR && errno != ECONNABORTED && errno != EAGAIN) {
+            Warning("%s: accept errno %d.\n", kTag, errno);
+         }
+         return;
       }
-      return;
+      // The greeting fits the empty send buffer: this never waits.
+      if (ServiceImplWriteOne(conn, 'H')) {
+         callers.push_back({conn, Now() + kStepTimeoutSeconds});
+      } else {
+         ServiceImplClose(&conn, nullptr);
+      }
    }
-   struct timeval limit = {kStepTimeoutSeconds, 0};
+}
+
+// The rest of one caller's exchange, once its descriptor has arrived (or
+// its connection ended): admission, use, verdict.
+void Answer(int conn, std::vector<Session> &sessions) {
    struct ucred peer = {};
    socklen_t size = sizeof peer;
    int fd = -1;
-   if (setsockopt(conn, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0 &&
-       setsockopt(conn, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0 &&
-       getsockopt(conn, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
-       ServiceImplWriteOne(conn, 'H') && ServiceImplRecvFd(conn, &fd)) {
-      long uid = PeerUser(conn, peer.pid);
-      if (!Admit(sessions, peer.pid, uid)) {
-         ServiceImplClose(&fd, nullptr);
-         ServiceImplWriteOne(conn, '0');
-      } else {
-         if (Use(fd, peer.pid)) {
-            Log("%s: watching the liveness pipe of pid %d.\n", kTag, static_cast<int>(peer.pid));
-            sessions.push_back({fd, peer.pid, static_cast<uid_t>(uid)});
-         } else {
-            ServiceImplClose(&fd, nullptr);
-         }
-         ServiceImplWriteOne(conn, '1');
-      }
+   if (getsockopt(conn, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
+       !ServiceImplRecvFd(conn, &fd)) {
+      return;
    }
-   ServiceImplClose(&conn, nullptr);
+   long uid = PeerUser(conn, peer.pid);
+   if (!Admit(sessions, peer.pid, uid)) {
+      ServiceImplClose(&fd, nullptr);
+      ServiceImplWriteOne(conn, '0');
+      return;
+   }
+   if (Use(fd, peer.pid)) {
+      Log("%s: watching the liveness pipe of pid %d.\n", kTag, static_cast<int>(peer.pid));
+      sessions.push_back({fd, peer.pid, static_cast<uid_t>(uid)});
+   } else {
+      ServiceImplClose(&fd, nullptr);
+   }
+   ServiceImplWriteOne(conn, '1');
 }
 
 // True when fd reached end-of-file (or failed); data is read and dropped.
@@ -359,8 +386,11 @@ int main(int argc, char **argv) {
       Warning("%s: expects a listening socket and a pipe's read end as arguments.\n", kTag);
       return 1;
    }
-   // Nothing this daemon starts may inherit them.
+   // Nothing this daemon starts may inherit them. Only this daemon holds
+   // the listening socket now; non-blocking, so that taking every queued
+   // connection ends when the queue is empty.
    fcntl(listenFd, F_SETFD, FD_CLOEXEC);
+   fcntl(listenFd, F_SETFL, fcntl(listenFd, F_GETFL) | O_NONBLOCK);
    fcntl(watchFd, F_SETFD, FD_CLOEXEC);
    // A caller's pipe whose reader is gone must give EPIPE, not kill us.
    signal(SIGPIPE, SIG_IGN);
@@ -379,19 +409,27 @@ int main(int argc, char **argv) {
    // while it holds the rendezvous lock: with one queued connection at a
    // time, a crowd of openers would pass the lock on one by one, each
    // after we served the one before it. A full queue lets each connect
-   // (and its lock) end at once while we serve the queue in order.
+   // (and its lock) end at once.
    if (listen(listenFd, SOMAXCONN) != 0) {
       Warning("%s: listen errno %d.\n", kTag, errno);
    }
 
    std::vector<Session> sessions;
+   std::vector<Caller> callers;
    std::vector<struct pollfd> polled;
    for (;;) {
-      polled.assign({{listenFd, POLLIN, 0}, {watchFd, POLLIN, 0}});
+      // Listening socket, watch pipe, callers, sessions: in this order. No
+      // new caller is taken while kMaxCallers wait (poll ignores -1).
+      polled.assign({{callers.size() < kMaxCallers ? listenFd : -1, POLLIN, 0},
+                     {watchFd, POLLIN, 0}});
+      for (const Caller &c : callers) {
+         polled.push_back({c.conn, POLLIN, 0});
+      }
       for (const Session &s : sessions) {
          polled.push_back({s.fd, POLLIN, 0});
       }
-      if (poll(polled.data(), polled.size(), -1) < 0) {
+      int wait = callers.empty() ? -1 : 1000;
+      if (poll(polled.data(), polled.size(), wait) < 0) {
          if (errno == EINTR) {
             continue;
          }
@@ -407,17 +445,35 @@ int main(int argc, char **argv) {
          ServiceImplClose(&watchFd, nullptr);
          Log("%s: the opener that started this daemon has finished.\n", kTag);
       }
-      // Sessions first: ServeOne may append to the vector.
+      // Sessions before callers (Answer appends to sessions), callers before
+      // new ones (AcceptCallers appends to callers).
+      const size_t firstSession = 2 + callers.size();
       for (size_t i = sessions.size(); i-- > 0;) {
-         if (polled[i + 2].revents != 0 && Drained(sessions[i].fd)) {
+         if (polled[firstSession + i].revents != 0 && Drained(sessions[i].fd)) {
             Log("%s: the liveness pipe of pid %d closed.\n", kTag,
                 static_cast<int>(sessions[i].pid));
             ServiceImplClose(&sessions[i].fd, nullptr);
             sessions.erase(sessions.begin() + static_cast<long>(i));
          }
       }
+      // Callers whose descriptor (or end) arrived are answered in the order
+      // they connected; those past their deadline are dropped unanswered.
+      const time_t now = Now();
+      size_t waiting = 0;
+      for (size_t i = 0; i < callers.size(); i++) {
+         bool ready = polled[2 + i].revents != 0;
+         if (!ready && now < callers[i].deadline) {
+            callers[waiting++] = callers[i];
+            continue;
+         }
+         if (ready) {
+            Answer(callers[i].conn, sessions);
+         }
+         ServiceImplClose(&callers[i].conn, nullptr);
+      }
+      callers.resize(waiting);
       if ((polled[0].revents & POLLIN) != 0) {
-         ServeOne(listenFd, sessions);
+         AcceptCallers(listenFd, callers);
       }
    }
 }
