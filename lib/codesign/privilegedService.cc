@@ -191,13 +191,15 @@ bool Admit(int sock, Peer *peer, pid_t *logPid) {
    }
    CodeIdentity code;
    int identity = kUnidentified;
-   if (named && !requirements.empty() && NothingQueued(sock)) {
+   if (named && !requirements.empty()) {
       UniqueFd exe(OpenPeerExecutable(peer));
       identity = exe ? code.Establish(exe.get()) : kUnidentified;
    }
    for (const std::string &requirement : requirements) {
       int status = identity == kAdmitted ? code.Check(requirement) : identity;
       if (status == kAdmitted) {
+         // Checked after the executable was opened: bytes written before
+         // an exec into the verified program are already queued by then.
          return NothingQueued(sock);
       }
       SERVICE_LOG(Log, "%5d: Failed validation. (%d)\n", *logPid, status);
