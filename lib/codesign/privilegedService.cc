@@ -267,17 +267,28 @@ void Serve(const Service &service, UniqueFd sock) {
       int senderFd = -1;
       ssize_t n = RecvInto(sock.get(), &reader, &senderFd);
       UniqueFd sender(senderFd);
-      if (n == 0 && reader.Empty()) {
+      const bool reset = n < 0 && errno == ECONNRESET;
+      if ((n == 0 && reader.Empty()) || reset) {
          SERVICE_LOG(Log, "%5d: Connection closed by client.\n", pid);
          return;
       }
-      if (n <= 0) {
-         ConnectionError(pid, n == 0 ? "Truncated frame" : "Connection interrupted");
+      if (n < 0) {
+         ConnectionError(pid, "Connection interrupted");
          return;
       }
-      // Checked before a byte of what arrived is looked at.
+      if (n == 0) {
+         ConnectionError(pid, "Truncated frame");
+         return;
+      }
+      // Checked before a byte of what arrived is looked at. A peer that has
+      // exited can no longer be told apart from what it may have exec'd, so
+      // its last bytes are dropped with the connection.
       if (!SenderIsPeer(peer, sender.get())) {
-         ConnectionError(pid, "Message not sent by the admitted process");
+         if (PeerAlive(peer)) {
+            ConnectionError(pid, "Message not sent by the admitted process");
+         } else {
+            SERVICE_LOG(Log, "%5d: Connection closed by client.\n", pid);
+         }
          return;
       }
    }
@@ -353,11 +364,15 @@ PrivilegedXPCMachService_Main(const char *serviceName, PrivilegedServiceHandler 
    for (;;) {
       int fd = accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0) {
-         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            usleep(10 * 1000);  // out of resources: let connections finish
-         } else if (errno == EBADF || errno == EINVAL || errno == ENOTSOCK) {
-            Panic("PrivilegedXPCMachService_Main: accept errno %d.\n", errno);
+         const int error = errno;
+         if (error == EINTR || error == ECONNABORTED) {
+            continue;
          }
+         if (error == EBADF || error == EINVAL || error == ENOTSOCK) {
+            Panic("PrivilegedXPCMachService_Main: accept errno %d.\n", error);
+         }
+         SERVICE_LOG(Warning, "Listener received unexpected XPC Error: accept errno %d\n", error);
+         usleep(10 * 1000);  // out of resources: let connections finish
          continue;
       }
       // Normally inherited from the listening socket. Should it fail, no

@@ -178,6 +178,8 @@ bool SenderIsPeer(const Peer &peer, int senderPidfd) {
    return true;
 }
 
+bool PeerAlive(const Peer &peer) { return PidfdAlive(peer.pidfd.get()); }
+
 void SetAdmissionHookForTesting(AdmissionHook hook) { gAdmissionHook.store(hook); }
 
 int CodeIdentity::Establish(int exeFd) {

@@ -117,6 +117,8 @@ bool TakePeerPidfd(int sock, Peer *peer);
 // process is still the one behind the pidfd. Returns the executable's
 // descriptor, or -1.
 int OpenPeerExecutable(Peer *peer);
+// True while the admitted process has not exited.
+bool PeerAlive(const Peer &peer);
 // True while the message's sender (the pidfd that came with it) is the
 // admitted process and still runs the executable that was admitted.
 bool SenderIsPeer(const Peer &peer, int senderPidfd);

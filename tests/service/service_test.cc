@@ -44,6 +44,7 @@ pid_t Spawn(const std::vector<std::string> &argv, const fs::path &out) {
    if (pid == 0) {
       int fd = open(out.empty() ? "/dev/null" : out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
       dup2(fd, 1);
+      close(fd);
       std::vector<char *> args;
       for (const auto &a : argv) {
          args.push_back(const_cast<char *>(a.c_str()));
@@ -65,6 +66,15 @@ std::string Line(pid_t pid, const char *text) {
    char prefix[32];
    snprintf(prefix, sizeof prefix, "%5d: ", static_cast<int>(pid));
    return prefix + std::string(text);
+}
+
+// A log line as the case tables write it: "Warning: %5d: text" and plain
+// "text" get the pid prefix; other warnings stand as written.
+std::string Want(pid_t pid, const std::string &line) {
+   if (line.rfind("Warning: %5d: ", 0) == 0) {
+      return "Warning: " + Line(pid, line.c_str() + 14);
+   }
+   return line.rfind("Warning: ", 0) == 0 ? line : Line(pid, line.c_str());
 }
 
 class Service : public ::testing::Test {
@@ -93,6 +103,12 @@ protected:
       for (int i = 0; i < 500 && !fs::exists(dir_ / "sock" / (std::string(kService) + ".sock")); i++) {
          usleep(10 * 1000);
       }
+      descriptors_ = ListenerDescriptors();
+   }
+
+   static size_t ListenerDescriptors() {
+      const fs::path fds = "/proc/" + std::to_string(listener_) + "/fd";
+      return static_cast<size_t>(std::distance(fs::directory_iterator(fds), {}));
    }
 
    static void TearDownTestSuite() {
@@ -152,11 +168,13 @@ protected:
    static fs::path dir_;
    static fs::path log_;
    static pid_t listener_;
+   static size_t descriptors_;  // the listener's, once it listens
 };
 
 fs::path Service::dir_;
 fs::path Service::log_;
 pid_t Service::listener_ = -1;
+size_t Service::descriptors_ = 0;
 
 const std::vector<std::string> kOneClient = {kRequireClient};
 
@@ -211,13 +229,7 @@ TEST_F(Service, AdmissionFollowsTheBundlesRequirements) {
       std::vector<std::string> want = {
          Line(pid, ("Received connection from " + fs::canonical(dir_ / c.client).string() + "\n").c_str())};
       for (const auto &l : c.lines) {
-         std::string text = l;
-         if (text.rfind("Warning: %5d: ", 0) == 0) {
-            text = "Warning: " + Line(pid, text.c_str() + 14);
-         } else if (text.rfind("Warning: ", 0) != 0) {
-            text = Line(pid, text.c_str());
-         }
-         want.push_back(text);
+         want.push_back(Want(pid, l));
       }
       EXPECT_EQ(EntriesSince(offset, want.size()), want);
    }
@@ -254,13 +266,7 @@ TEST_F(Service, IdentityAttacksAreRefused) {
       ASSERT_EQ(got.size(), c.lines.size() + 1);
       EXPECT_EQ(got[0].rfind(Line(pid, "Received connection from "), 0), 0u) << got[0];
       for (size_t i = 0; i < c.lines.size(); i++) {
-         std::string text = c.lines[i];
-         if (text.rfind("Warning: %5d: ", 0) == 0) {
-            text = "Warning: " + Line(pid, text.c_str() + 14);
-         } else if (text.rfind("Warning: ", 0) != 0) {
-            text = Line(pid, text.c_str());
-         }
-         EXPECT_EQ(got[i + 1], text);
+         EXPECT_EQ(got[i + 1], Want(pid, c.lines[i]));
       }
    }
 }
@@ -284,7 +290,7 @@ TEST_F(Service, BadFramesCloseOnlyTheirConnection) {
       EXPECT_EQ(status, 0);
       std::vector<std::string> got = EntriesSince(offset, 2, pid);
       ASSERT_GE(got.size(), 2u);
-      EXPECT_EQ(got[1], "Warning: " + Line(pid, line.c_str()));
+      EXPECT_EQ(got[1], Want(pid, "Warning: %5d: " + line));
       EXPECT_EQ(Run("signed", {"send", "1"}).second, 0);
    }
 }
@@ -300,6 +306,16 @@ TEST_F(Service, ConnectionsAreServedAtOnceEachInOrder) {
    EXPECT_EQ(Run("signed", {"send", "3"}).second, 0);
    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
    EXPECT_EQ(Wait(slow), 0);
+}
+
+// Runs last: every connection above has ended, and the listener holds
+// what it held when it started listening.
+TEST_F(Service, ConnectionsLeaveNoDescriptorBehind) {
+   size_t count = 0;
+   for (int i = 0; i < 500 && (count = ListenerDescriptors()) > descriptors_; i++) {
+      usleep(10 * 1000);
+   }
+   EXPECT_EQ(count, descriptors_);
 }
 
 }  // namespace
