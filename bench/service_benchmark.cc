@@ -7,7 +7,8 @@
 // of the same executable plus a plain connect and accept.
 // BM_RoundTrip/halcyx: one small dictionary sent on an admitted connection
 // and answered (the handler replies with the message). baseline: the same
-// frame's bytes echoed by a plain Unix-socket server thread.
+// frame's bytes echoed by a plain Unix-socket server process (a thread per
+// connection, as the listener has).
 // BM_Throughput64/halcyx and /baseline: the same, from 64 connections at
 // once, 20 round trips each per iteration.
 //
@@ -97,7 +98,7 @@ void ReadExactly(int fd, char *buf, size_t n) {
 }
 
 // The plain echo server: one thread per connection writes back what it reads.
-void EchoServer(int listener) {
+[[noreturn]] void EchoServer(int listener) {
    for (;;) {
       int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0) {
@@ -311,15 +312,23 @@ int main(int argc, char **argv) {
    for (int i = 0; i < 500 && !fs::exists(gDir / "sock" / "bench.sock"); i++) {
       usleep(10 * 1000);
    }
+   // The plain server is a process of its own too, as the listener is.
    gEchoPath = (gDir / "echo.sock").string();
-   std::thread(EchoServer, ListenAt(gEchoPath)).detach();
+   int echoSocket = ListenAt(gEchoPath);
+   pid_t echo = fork();
+   if (echo == 0) {
+      EchoServer(echoSocket);
+   }
+   close(echoSocket);
 
    argv[2] = argv[0];
    int rest = argc - 2;
    benchmark::Initialize(&rest, argv + 2);
    benchmark::RunSpecifiedBenchmarks();
    benchmark::Shutdown();
-   kill(listener, SIGKILL);
-   waitpid(listener, nullptr, 0);
+   for (pid_t child : {listener, echo}) {
+      kill(child, SIGKILL);
+      waitpid(child, nullptr, 0);
+   }
    return 0;
 }

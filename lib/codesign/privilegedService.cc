@@ -264,9 +264,9 @@ void Serve(const Service &service, UniqueFd sock) {
       case FrameReader::NeedMore:
          break;
       }
-      int senderFd = -1;
-      ssize_t n = RecvInto(sock.get(), &reader, &senderFd);
-      UniqueFd sender(senderFd);
+      Sender sender;
+      ssize_t n = RecvInto(sock.get(), &reader, &sender);
+      UniqueFd senderPidfd(sender.pidfd);
       const bool reset = n < 0 && errno == ECONNRESET;
       if ((n == 0 && reader.Empty()) || reset) {
          SERVICE_LOG(Log, "%5d: Connection closed by client.\n", pid);
@@ -283,7 +283,7 @@ void Serve(const Service &service, UniqueFd sock) {
       // Checked before a byte of what arrived is looked at. A peer that has
       // exited can no longer be told apart from what it may have exec'd, so
       // its last bytes are dropped with the connection.
-      if (!SenderIsPeer(peer, sender.get())) {
+      if (!SenderIsPeer(peer, sender)) {
          if (PeerAlive(peer)) {
             ConnectionError(pid, "Message not sent by the admitted process");
          } else {
@@ -343,8 +343,10 @@ UniqueFd ListenOn(const char *serviceName) {
       Panic("PrivilegedXPCMachService_Main: chmod errno %d.\n", errno);
    }
    int one = 1;
-   // Accepted sockets inherit it, so a client's very first bytes carry its pidfd.
+   // Accepted sockets inherit them, so a client's very first bytes carry
+   // its pidfd and pid.
    setsockopt(fd.get(), SOL_SOCKET, SO_PASSPIDFD, &one, sizeof one);
+   setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &one, sizeof one);
    if (listen(fd.get(), SOMAXCONN) != 0) {
       Panic("PrivilegedXPCMachService_Main: listen errno %d.\n", errno);
    }
@@ -380,6 +382,7 @@ PrivilegedXPCMachService_Main(const char *serviceName, PrivilegedServiceHandler 
       // at the first one.
       int one = 1;
       (void)setsockopt(fd, SOL_SOCKET, SO_PASSPIDFD, &one, sizeof one);
+      (void)setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &one, sizeof one);
       try {
          std::thread(ServeNoThrow, service, fd).detach();
       } catch (...) {

@@ -10,11 +10,12 @@
 
 #include <cerrno>
 #include <chrono>
-#include <memory>
 #include <cstring>
+#include <memory>
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -27,6 +28,7 @@ struct PrivilegedServiceClient {
    UniqueFd sock;
    uint32_t nextSerial = 1;
    FrameReader reader;
+   int recvTimeoutMs = -1;  // the socket's SO_RCVTIMEO; -1 none
 };
 
 namespace {
@@ -42,12 +44,34 @@ int Remaining(bool forever, Clock::time_point deadline) {
    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
+// Gives the socket a receive time-out of ms (-1: none); false when it
+// cannot be given one (0 ms, which the socket reads as "none").
+bool SocketTimeout(PrivilegedServiceClient *client, int ms) {
+   if (ms == 0) {
+      return false;
+   }
+   if (client->recvTimeoutMs == ms) {
+      return true;
+   }
+   struct timeval tv = {};
+   if (ms > 0) {
+      tv.tv_sec = ms / 1000;
+      tv.tv_usec = (ms % 1000) * 1000;
+   }
+   if (setsockopt(client->sock.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) {
+      return false;
+   }
+   client->recvTimeoutMs = ms;
+   return true;
+}
+
 // Waits for the next frame of a given type (and serial, for replies).
 // False with errno ETIMEDOUT, EPIPE (closed) or EPROTO (malformed).
 bool WaitFor(PrivilegedServiceClient *client, uint8_t type, uint32_t serial, int timeoutMs,
              codesign::UniquePlist *payloadOut) {
    const bool forever = timeoutMs < 0;
    const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeoutMs);
+   bool first = true;
    for (;;) {
       FrameHeader header;
       std::string_view payload;
@@ -73,17 +97,25 @@ bool WaitFor(PrivilegedServiceClient *client, uint8_t type, uint32_t serial, int
          *payloadOut = std::move(root);
          return true;
       }
-      struct pollfd p = {client->sock.get(), POLLIN, 0};
-      int n = poll(&p, 1, Remaining(forever, deadline));
-      if (n < 0 && errno == EINTR) {
-         continue;
+      // The first wait of a call blocks in recvmsg under the socket's own
+      // time-out (one system call for the usual whole answer); later ones,
+      // after part of a frame, poll for what is left of the time.
+      if (!first || !SocketTimeout(client, forever ? -1 : timeoutMs)) {
+         struct pollfd p = {client->sock.get(), POLLIN, 0};
+         int n = poll(&p, 1, Remaining(forever, deadline));
+         if (n < 0 && errno == EINTR) {
+            continue;
+         }
+         if (n <= 0) {
+            errno = n == 0 ? ETIMEDOUT : errno;
+            return false;
+         }
       }
-      if (n == 0) {
+      first = false;
+      ssize_t got = RecvInto(client->sock.get(), &client->reader, nullptr);
+      if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
          errno = ETIMEDOUT;
-         return false;
-      }
-      ssize_t got = n > 0 ? RecvInto(client->sock.get(), &client->reader, nullptr) : -1;
-      if (got == 0) {
+      } else if (got == 0) {
          errno = EPIPE;
       }
       if (got <= 0) {

@@ -11,13 +11,17 @@
  *    reused while its process lives;
  *  - the signature is checked on that open executable, never on a path;
  *  - each later message comes with the sender's own pidfd (SCM_PIDFD); it
- *    must be the admitted process, still running the admitted executable in
- *    the address space it had at admission (an exec replaces both).
+ *    must be the admitted process, still in the address space it had at
+ *    admission (an exec replaces it, even with the same executable). A root
+ *    listener holds that address space open through /proc/<pid>/mem and
+ *    reads one byte of it per message; otherwise the executable's identity
+ *    and the randomised layout in /proc/<pid>/stat are compared.
  * Nothing here writes to the log.
  */
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
@@ -138,6 +142,9 @@ int OpenPeerExecutable(Peer *peer) {
    char path[64];
    snprintf(path, sizeof path, "/proc/%d", static_cast<int>(pid));
    UniqueFd dir(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+   // Opened before the executable: an exec in between leaves it naming an
+   // address space that has gone, and the first message is refused.
+   UniqueFd mem(dir ? openat(dir.get(), "mem", O_RDONLY | O_CLOEXEC) : -1);
    UniqueFd exe(dir ? openat(dir.get(), "exe", O_RDONLY | O_CLOEXEC) : -1);
    UniqueFd stat(dir ? openat(dir.get(), "stat", O_RDONLY | O_CLOEXEC) : -1);
    struct stat st;
@@ -149,6 +156,13 @@ int OpenPeerExecutable(Peer *peer) {
        !ReadLayout(stat.get(), &peer->layout)) {
       return -1;
    }
+   // The start of the code is mapped for as long as the address space lives.
+   char byte;
+   peer->codeAddress = strtoull(peer->layout.c_str(), nullptr, 10);
+   if (mem && peer->codeAddress != 0 &&
+       pread(mem.get(), &byte, 1, static_cast<off_t>(peer->codeAddress)) == 1) {
+      peer->mem = std::move(mem);
+   }
    peer->exeDev = st.st_dev;
    peer->exeIno = st.st_ino;
    peer->procDir = std::move(dir);
@@ -156,9 +170,20 @@ int OpenPeerExecutable(Peer *peer) {
    return exe.release();
 }
 
-bool SenderIsPeer(const Peer &peer, int senderPidfd) {
+bool SenderIsPeer(const Peer &peer, const Sender &sender) {
+   if (sender.pidfd < 0) {
+      return false;
+   }
+   if (peer.mem) {
+      // The pid and the pidfd came from the same record of the sender. While
+      // the admitted address space lives, the admitted process does, so its
+      // pid names no other process.
+      char byte;
+      return sender.pid == peer.pid &&
+             pread(peer.mem.get(), &byte, 1, static_cast<off_t>(peer.codeAddress)) == 1;
+   }
    struct stat st;
-   if (senderPidfd < 0 || fstat(senderPidfd, &st) != 0) {
+   if (fstat(sender.pidfd, &st) != 0) {
       return false;
    }
    if (peer.pidfs) {
@@ -166,7 +191,7 @@ bool SenderIsPeer(const Peer &peer, int senderPidfd) {
       if (st.st_ino != peer.pidfdIno) {
          return false;
       }
-   } else if (PidOfPidfd(senderPidfd) != peer.pid || !PidfdAlive(peer.pidfd.get())) {
+   } else if (PidOfPidfd(sender.pidfd) != peer.pid || !PidfdAlive(peer.pidfd.get())) {
       return false;
    }
    std::string layout;

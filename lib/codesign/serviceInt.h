@@ -68,10 +68,15 @@ private:
    bool bad_ = false;
 };
 
-// Reads from a stream socket into reader with one recvmsg; with pidfd
-// non-null, the SCM_PIDFD that came with the bytes (or -1) is stored there
-// (close-on-exec, the caller closes it). Returns the recvmsg result.
-ssize_t RecvInto(int sock, FrameReader *reader, int *pidfd);
+// The sender of what one recvmsg returned, as the kernel recorded it.
+struct Sender {
+   int pidfd = -1;  // SCM_PIDFD (close-on-exec; the caller closes it)
+   pid_t pid = -1;  // SCM_CREDENTIALS
+};
+// Reads from a stream socket into reader with one recvmsg; with sender
+// non-null, what the kernel said of the sender is stored there. Returns the
+// recvmsg result.
+ssize_t RecvInto(int sock, FrameReader *reader, Sender *sender);
 // Writes all of data (MSG_NOSIGNAL); false with errno on failure.
 bool SendAll(int sock, std::string_view data);
 
@@ -96,6 +101,10 @@ struct Peer {
    // Where the address space was laid out at admission: an exec lays it
    // out again (randomised), even for the same executable.
    std::string layout;
+   // Where the kernel allows it (a root listener): the admitted address
+   // space itself, which reads as empty once an exec or exit replaced it.
+   UniqueFd mem;
+   uint64_t codeAddress = 0;
    bool pidfs = false;  // pidfds of one process share an inode
    ino_t pidfdIno = 0;
 };
@@ -121,7 +130,7 @@ int OpenPeerExecutable(Peer *peer);
 bool PeerAlive(const Peer &peer);
 // True while the message's sender (the pidfd that came with it) is the
 // admitted process and still runs the executable that was admitted.
-bool SenderIsPeer(const Peer &peer, int senderPidfd);
+bool SenderIsPeer(const Peer &peer, const Sender &sender);
 // Between reading the peer's pid and opening its process, tests may stand
 // in for a slow kernel or a reused pid.
 using AdmissionHook = void (*)(int pidfd, pid_t *pid);

@@ -128,34 +128,46 @@ FrameReader::Result FrameReader::Next(FrameHeader *header, std::string_view *pay
    return Frame;
 }
 
-ssize_t RecvInto(int sock, FrameReader *reader, int *pidfd) {
+ssize_t RecvInto(int sock, FrameReader *reader, Sender *sender) {
    uint8_t data[64 * 1024];
-   alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int)) * 2];
+   alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int)) * 2 +
+                                        CMSG_SPACE(sizeof(struct ucred))];
    struct iovec iov = {data, sizeof data};
    struct msghdr msg = {};
    msg.msg_iov = &iov;
    msg.msg_iovlen = 1;
    msg.msg_control = control;
    msg.msg_controllen = sizeof control;
-   if (pidfd) {
-      *pidfd = -1;
-   }
+   Sender got;
    ssize_t n;
    do {
       n = recvmsg(sock, &msg, MSG_CMSG_CLOEXEC);
    } while (n < 0 && errno == EINTR);
    for (struct cmsghdr *c = n >= 0 ? CMSG_FIRSTHDR(&msg) : nullptr; c; c = CMSG_NXTHDR(&msg, c)) {
-      if (c->cmsg_level != SOL_SOCKET || c->cmsg_len != CMSG_LEN(sizeof(int))) {
+      if (c->cmsg_level != SOL_SOCKET) {
          continue;
       }
-      int fd;
-      memcpy(&fd, CMSG_DATA(c), sizeof fd);
-      // A peer may pass descriptors of its own; none is kept.
-      if (c->cmsg_type == SCM_PIDFD && pidfd && *pidfd < 0) {
-         *pidfd = fd;
-      } else {
-         close(fd);
+      if (c->cmsg_type == SCM_CREDENTIALS && c->cmsg_len == CMSG_LEN(sizeof(struct ucred))) {
+         struct ucred cred;
+         memcpy(&cred, CMSG_DATA(c), sizeof cred);
+         got.pid = cred.pid;
+         continue;
       }
+      // A peer may pass descriptors of its own; none is kept.
+      for (size_t off = 0; off + sizeof(int) <= c->cmsg_len - CMSG_LEN(0); off += sizeof(int)) {
+         int fd;
+         memcpy(&fd, CMSG_DATA(c) + off, sizeof fd);
+         if (c->cmsg_type == SCM_PIDFD && got.pidfd < 0) {
+            got.pidfd = fd;
+         } else if (c->cmsg_type == SCM_RIGHTS || c->cmsg_type == SCM_PIDFD) {
+            close(fd);
+         }
+      }
+   }
+   if (sender) {
+      *sender = got;
+   } else if (got.pidfd >= 0) {
+      close(got.pidfd);
    }
    if (n > 0) {
       reader->Append(data, static_cast<size_t>(n));

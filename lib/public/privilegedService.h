@@ -89,7 +89,9 @@ PrivilegedServiceClient *PrivilegedServiceClient_Connect(const char *serviceName
  * pointer it waits at most timeoutMs (-1: for ever) for the answer and
  * stores it (free it with plist_free); null reply pointer: no waiting.
  * False (errno ETIMEDOUT on time-out, EPIPE when the listener closed the
- * connection, EINVAL for a bad argument) and *reply untouched on failure.
+ * connection, EPROTO for a malformed answer, EINVAL for a bad argument) and
+ * *reply untouched on failure. After a time-out the connection stays
+ * usable: a late answer to the abandoned message is skipped.
  */
 bool PrivilegedServiceClient_Send(PrivilegedServiceClient *client, plist_t message,
                                   plist_t *reply, int timeoutMs);
