@@ -29,12 +29,14 @@ function(halcyx_link_static_program target)
   target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/opener/noSharedLibraries.cc)
   target_link_libraries(${target} PRIVATE halcyx_internal)
   # The functions through which linked-in library code could load a shared
-  # object; noSharedLibraries.cc defines refusing __wrap_ versions.
-  foreach(_f dlopen dlsym dlclose dlerror dladdr
-             getaddrinfo freeaddrinfo getnameinfo gai_strerror gethostbyname)
-    target_link_options(${target} PRIVATE -Wl,--wrap=${_f})
-  endforeach()
+  # object; noSharedLibraries.cc defines refusing __wrap_ versions. Not in
+  # sanitizer builds: their runtime, linked into the program, finds the C
+  # library's functions through dlsym.
   if(NOT HALCYX_SANITIZE)
+    foreach(_f dlopen dlsym dlclose dlerror dladdr
+               getaddrinfo freeaddrinfo getnameinfo gai_strerror gethostbyname)
+      target_link_options(${target} PRIVATE -Wl,--wrap=${_f})
+    endforeach()
     if(HALCYX_OPENER_STATIC)
       set_target_properties(${target} PROPERTIES HALCYX_STATIC_DEPS ON)
       # A static PIE relocates itself at start: every page holding a pointer
