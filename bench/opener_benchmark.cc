@@ -28,6 +28,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "private_tmp.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -104,7 +106,7 @@ const char *SetUpSandbox() {
    // tree from the signed sample bundle.
    if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 || unshare(CLONE_NEWNS) != 0 ||
        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-       mount("halcyx-bench", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+       !halcyx::test::CoverTmpKeeping({PROJECT_SOURCE_DIR, PROJECT_BINARY_DIR}) ||
        mkdir(kDir.c_str(), 0755) != 0) {
       return "cannot make the private sandbox";
    }

@@ -5,9 +5,11 @@
 //
 // The opener and daemon come from a sandbox build whose fixed paths all lie
 // under SANDBOX_DIR. This process moves into a private mount namespace with
-// a private /tmp and covers that directory with a fresh tmpfs for every
-// test, so nothing reaches the host; it is also the subreaper of everything it starts, so the daemons
-// (which detach from the openers) are its children and die with each test.
+// a private /tmp (the source and build trees stay visible when they lie
+// under /tmp) and covers that directory with a fresh tmpfs for every test,
+// so nothing reaches the host; it is also the subreaper of everything it
+// starts, so the daemons (which detach from the openers) are its children
+// and die with each test.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -32,6 +34,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "private_tmp.h"
 #include "serviceProtocol.h"
 
 namespace fs = std::filesystem;
@@ -89,7 +92,7 @@ protected:
       } else if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 || unshare(CLONE_NEWNS) != 0 ||
                  mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
                  // A private /tmp: the sandbox directory never exists on the host.
-                 mount("halcyx-tmp", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+                 !halcyx::test::CoverTmpKeeping({PROJECT_SOURCE_DIR, PROJECT_BINARY_DIR}) ||
                  mkdir(kDir.c_str(), 0755) != 0) {
          sSkip = "cannot make a private mount namespace";
       } else {
