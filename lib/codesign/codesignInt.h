@@ -30,6 +30,7 @@
 #include <sys/stat.h>
 
 #include <openssl/types.h>
+#include <openssl/x509.h>
 #include <plist/plist.h>
 
 namespace halcyx::codesign {
