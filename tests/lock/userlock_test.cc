@@ -33,19 +33,22 @@ std::string Ptr(const void *p) { return Hex(reinterpret_cast<uintptr_t>(p)); }
 
 /*
  * A signature's low 28 bits are the time in seconds when the process made
- * its first lock. Make that first lock here, before any test and away from
- * a second boundary, so the expected signatures come from the clock rather
- * than from the library.
+ * its first lock. Make that first lock here, before any test, and check its
+ * stamp against the clock read on both sides of it: time() is a coarse
+ * clock, so a second can turn over between any two readings.
  */
 const uint32_t kSignatureBase = [] {
-   timespec now;
-   clock_gettime(CLOCK_REALTIME, &now);
-   if (now.tv_nsec > 900000000) {
-      usleep(static_cast<useconds_t>((1000000000 - now.tv_nsec) / 1000 + 2000));
+   auto before = static_cast<uint32_t>(time(nullptr));
+   MXUserExclLock *first = MXUser_CreateExclLock("first", 0);
+   auto after = static_cast<uint32_t>(time(nullptr));
+   uint32_t base = first->header.signature & 0x0FFFFFFFu;
+   MXUser_DestroyExclLock(first);
+   if (base < (before & 0x0FFFFFFFu) || base > (after & 0x0FFFFFFFu)) {
+      fprintf(stderr, "first lock stamped %u, outside the clock's [%u, %u]\n", base,
+              before & 0x0FFFFFFFu, after & 0x0FFFFFFFu);
+      abort();
    }
-   auto base = static_cast<uint32_t>(time(nullptr));
-   MXUser_DestroyExclLock(MXUser_CreateExclLock("first", 0));
-   return base & 0x0FFFFFFFu;
+   return base;
 }();
 constexpr uint32_t kExclusive = 0x40000000u, kRecursive = 0x20000000u;
 
