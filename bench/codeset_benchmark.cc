@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // UTF-8 validation and UTF-8 to UTF-16LE conversion against their baselines.
 //
 // Inputs are 1 MiB: pure ASCII, and mixed text where 90% of the characters

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Verifying a signed file in process against OpenSSL doing the same
 // cryptographic work on the same bytes.
 //

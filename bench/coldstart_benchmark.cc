@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Cold starts as their callers pay for them, wall clock, with a sample
 // bundle of about 100 MiB over its 28 components:
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Hostinfo_Daemonize of a program that exits at once, against posix_spawn of
 // the same program, at two descriptor limits.
 //

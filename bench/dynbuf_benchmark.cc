@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // DynBuf_Append of small pieces against std::string::append.
 //
 // Each iteration starts from an empty buffer, appends 4,096 pieces of 1 to

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // File_CopyTree against `cp -a`, both as whole processes copying the same
 // tree of about 100 MiB in a few thousand files on the build file system.
 //

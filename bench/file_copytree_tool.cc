@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // file_copytree_tool SRC DST: creates DST and copies the tree SRC into it
 // with File_CopyTree (overwriting, links recreated), as a whole process so
 // that it can be timed side by side with other copy programs.

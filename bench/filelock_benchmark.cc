@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Lock files: an uncontended lock and unlock against the bare system calls
 // the protocol cannot do without (make the lock directory, create, write and
 // rename a member, read the directory twice, unlink, remove the directory),

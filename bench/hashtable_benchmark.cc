@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // HashTable against std::unordered_map, per operation, at the same load
 // factor: N keys in a power-of-two bucket count B >= N (HashTable) and in
 // std::unordered_map after rehash(B), which picks the next prime >= B.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The opener's hot path and nothing else, as the lower bound for the
  * opener benchmark: the same system calls in the same order (scrub the

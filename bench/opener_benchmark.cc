@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The opener's hot path as its callers pay for it: a whole process, started
 // by an unprivileged user, handing descriptor 0 to a daemon that is already
 // running. The baseline is a minimal static C program that makes the same

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The privileged service against plain Unix sockets doing the same
 // transport work.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The formatting engine against the C library on the formats the system
 // uses most: an error message, the log time stamp, a path join, and the two
 // floating-point forms.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Uncontended acquire/release of the library's locks against bare pthread
 // mutexes of the same kind.
 #include <benchmark/benchmark.h>

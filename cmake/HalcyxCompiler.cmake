@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Warnings, sanitizers and hardening shared by every target of the project.
 
 add_compile_options(-Wall -Wextra -fno-strict-aliasing)

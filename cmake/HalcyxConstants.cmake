@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The fixed paths and names of the opener. Their defaults are the product's
 # real values; test builds may point them somewhere else.
 

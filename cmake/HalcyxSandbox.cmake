@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Initial cache for a sandbox build (cmake -C cmake/HalcyxSandbox.cmake):
 # every fixed path of the opener and the reference daemon lies under one
 # short directory, so the socket path fits sun_path wherever the sources

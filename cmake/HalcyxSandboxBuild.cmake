@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The opener and the reference daemon built once more, in a sandbox
 # configuration (cmake/HalcyxSandbox.cmake) with this build's compiler,
 # flags and sanitizers, for the integration tests and the opener benchmark.

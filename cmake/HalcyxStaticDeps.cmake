@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Static libcrypto and libplist for the opener.
 #
 # The opener is one static PIE that loads no shared library, and it links the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # halcyx_add_test(NAME SOURCES src... [LIBS lib...] [LABELS label]
 #                  [DEFINITIONS def...] [DEPENDS target...] [TIMEOUT seconds])
 #

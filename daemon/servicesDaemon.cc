@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The reference services daemon: what a product's root daemon looks like
  * from the opener's side. Product teams copy this file and replace Use().

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes the code-directory parser: whatever it accepts must be exactly the
 // canonical text that the formatter writes for the parsed values.
 #include <cstdint>

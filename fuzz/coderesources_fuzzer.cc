@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes the CodeResources reader: whatever it accepts must be exactly the
 // text that the writer makes of the parsed seal, and read back unchanged.
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes the built-in conversion engine against ICU's: the first byte picks
 // the pair of character sets and the flag, the rest is the input. Both
 // engines must agree on success and on every output byte.

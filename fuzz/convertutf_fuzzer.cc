@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes the UTF converters with the input read as UTF-8, UTF-16 and UTF-32:
 // pointers stay in bounds, UTF-8 decoding stops where isLegalUTF8Sequence
 // does and for the reason the lead byte gives, in both modes; valid input

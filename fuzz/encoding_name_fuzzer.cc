@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes encoding-name lookup: any name gives unknown or a valid enumerator,
 // the same answer again from the cache, and an enumerator whose preferred
 // name leads back to it. A name spelled with the other case gives the same

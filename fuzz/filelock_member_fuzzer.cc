@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes the parser of lock-directory member files (bytes another host may
 // have written): it never reads past the record, accepts only records with
 // a numeric ticket and an "S" or "X" type, and an accepted record written

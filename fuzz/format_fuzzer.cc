@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes the formatting engine with arbitrary formats and arguments of exactly
 // the types they ask for. Input: a byte choosing the buffer size, the format up
 // to the first NUL, then the bytes argument values come from. Formats whose

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes the message-format scanner and everything built on it. Input: the
 // format (cut at the first NUL). The format is walked in both syntaxes
 // (every piece reported must lie inside it), captured, formatted again from

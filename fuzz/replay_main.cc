@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Replays fuzz inputs without libFuzzer: every file named on the command
 // line, and every regular file inside a directory named there, in name order.
 #include <algorithm>

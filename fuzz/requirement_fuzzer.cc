@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes the requirement parser, and evaluates whatever parses against the
 // evidence of a signature that established nothing (no chain, no info).
 #include <cstdint>

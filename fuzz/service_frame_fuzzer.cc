@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes the privileged service's frame decoder: the input arrives in
 // pieces (the first byte sets their size) and every whole frame's payload is
 // decoded; a dictionary is encoded again and must come back as the same

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzes UTF-8 validation: every fast path must give the answer of the plain
 // automaton, on the input as it is and shifted behind runs of ASCII so that
 // each byte meets every block position.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * halcyx-opener: makes sure the services daemon runs and hands it one file
  * descriptor. Installed set-user-ID root; the steps below read as the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The opener loads no shared library, ever: it is a static set-user-ID
  * program, and a dlopen there would map a second C library into a process

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The rendezvous with the services daemon: get one descriptor into it,
  * starting it first when nobody listens on its socket.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The privilege bracket as a scope: root (the saved effective user ID) for
 // the lifetime of the object, the caller's user ID again when it ends, on
 // every path out of the scope.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Entry of the opener's service logic: privilege bracket, mode selection
  * and shell mode. The rendezvous itself is in rendezvous.cc.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The opener's service logic: entry, privilege bracket and rendezvous.
  *

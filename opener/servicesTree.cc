@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Services tree preparation: the prepare-daemon callback that rebuilds the
  * daemon's installation under the host directory from the product bundle

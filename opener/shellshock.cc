@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Environment scrub. The opener runs set-user-ID root and may start a
  * daemon or helper scripts; nothing the caller put in the environment may

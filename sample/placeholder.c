@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * A sample component of the product bundle: stands in for one of the
  * product's programs (the networking tools, the USB arbitrator, the

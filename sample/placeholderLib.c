@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * A sample shared library of the product bundle: stands in for the
  * libraries the product ships in Contents/Frameworks. It exports one

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Prints how our implementation compares with its baseline in a Google
 # Benchmark binary, as the ratio of median times (ours / baseline).
 #

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Makes certificates for code signing with the openssl command (ECDSA P-256).
 #
 #   codesign-pki.sh root  DIR NAME SUBJECT

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The main job, end to end: builds the signed sample bundle (the opener and
 # the reference services daemon in a sandbox configuration, every fixed path
 # under /tmp/halcyx-sbx), then, in a private mount and PID namespace with a

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs every Debian package that the build, the tests, the benchmarks and
 # the fuzz targets need. Safe to run any number of times: it installs only
 # what is missing and does nothing when all is present.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Makes the signed sample product bundle.
 #
 #   sample-bundle.sh BUNDLE SIGN-TOOL IDENTITY OPENER DAEMON PROGRAM LIBRARY [PAD-MIB]

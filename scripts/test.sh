@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the dependencies, then builds and runs every test three times:
 #   default  g++, optimised: unit, integration and fuzz-corpus replay tests
 #   asan     clang with AddressSanitizer + UndefinedBehaviorSanitizer

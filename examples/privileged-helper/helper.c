@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * An example privileged helper: it serves "com.zorvex.halcyx.example-helper"
  * and answers the request { request = "whoami" } with the pid of the

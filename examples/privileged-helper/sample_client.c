@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The sample client of the example helper: asks it "whoami" and prints the
  * answer as an XML property list. Exit status 0 on an answer, 1 when the

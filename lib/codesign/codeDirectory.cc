@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The code directory: the small text that a signature covers.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Descriptor-relative reading for the signature code.
  *

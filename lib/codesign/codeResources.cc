@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * CodeResources: the seal over every file of a bundle.
  *

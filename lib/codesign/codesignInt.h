@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Code signatures: the module's internal interface.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "cryptoInit.h"
 
 #include <openssl/crypto.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * libcrypto's start, made before any other use of it by the verifier.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The privileged service listener.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The client side of a privileged service: connect, wait for the hello,
  * then send dictionaries and wait for the replies that carry their serials.

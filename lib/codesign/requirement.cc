@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The code requirement language: a recursive-descent parser to a small tree
  * and an evaluator of that tree over the evidence of a valid signature.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The privileged service: wire format and peer identity, shared by the
  * listener, the client library, their tests and the fuzz target.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The privileged service's frames and socket paths.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Signing, removing and moving signatures (for the signing tool and tests).
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Trust: the CMS signature over a code directory, the certificate chain
  * behind it and the anchors it may end at.

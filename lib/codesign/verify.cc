@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Verification of signed code, and bundle identifiers.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Directory operations: tests and queries, deletion of names, creation of
  * directories and whole chains of them, deletion of trees.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Copy and move through the handle layer.
  *

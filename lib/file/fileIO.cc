@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * File handles: the record, result codes and their messages, and the
  * advisory lock taken through the lock-directory protocol.

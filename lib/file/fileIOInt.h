@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Internals of the file-handle layer shared by its modules and tests.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * File handles over POSIX descriptors: open with its lock and caching
  * steps, the privileged open, whole-buffer read and write loops, close, and

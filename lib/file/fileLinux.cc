@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Complete copy of one open file: data, extended attributes, owner, mode
  * and times, on Linux.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Lock files: the public entry points, path normalisation, member-file
  * parsing and the identities written into member files.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Internals of the lock-directory protocol, shared by its modules and used
  * by the library's own tests and fuzz target.

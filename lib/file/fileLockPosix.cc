@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * What the lock-file protocol asks of the host: process existence and start
  * times, the hardware address and host name behind the machine ID, SHA-1,

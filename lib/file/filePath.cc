@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Path names: text operations on POSIX paths, plus the two that consult
  * the file system (the current directory and full-path resolution).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The POSIX primitives of the file layer and the directory walk.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The file layer's primitives over single names, shared by the directory,
  * copy and lock-file modules. Each returns 0 or the errno value of the

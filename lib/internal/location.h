@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The replaceable sources of the product root for programs whose process tag
  * gives no up-count: the environment variable's name and the product file's

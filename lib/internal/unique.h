@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Owners for C resources: descriptors and malloc'ed memory.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Machinery shared by both lock kinds: the native lock, signatures, serial
  * numbers, the process-wide lock list and the fatal dump path.

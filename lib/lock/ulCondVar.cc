@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Condition variables bound to an exclusive or a recursive lock.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Internals shared by the user-level lock modules: the native lock with
  * owner tracking, the common lock header, the process-wide lock list,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The recursive lock: reference counted, optionally bound to an external
  * lock.

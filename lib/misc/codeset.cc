@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Code-set conversion: engine selection, the public conversions and the
  * code-point helpers (UTF-8 validation is in codesetUtf8.cc).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The ICU engine: conversions, validation and normalisation through the
  * system's ICU common library.

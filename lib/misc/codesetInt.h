@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Inside the code-set layer: the two engines behind lib/public/codeset.h.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The built-in conversion engine: UTF-8, UTF-16LE, UTF-16BE and US-ASCII.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * UTF-8 validation.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Conversions between UTF-32, UTF-16 and UTF-8.
  *

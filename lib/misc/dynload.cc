@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Lazy loading of optional shared libraries; see lib/internal/dynload.h.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The dynamic loader behind DynLoad. Kept in its own object so that a
  * program can replace these three functions (see lib/internal/dynload.h).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Host services about the running process: its executable's path, and the
  * launch of detached daemons.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The diagnostic log: time-stamped entries on one process-wide descriptor.
  */

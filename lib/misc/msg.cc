@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The pending user message: a list kept oldest first with a tail pointer,
  * so appending does not walk it. The state is made on first use.

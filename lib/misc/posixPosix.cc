@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * POSIX calls on the library's strings.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Both ends of the opener-to-daemon socket protocol: one byte each way and
  * one descriptor passed as SCM_RIGHTS.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Safe allocation wrappers: allocation failure ends the process.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Code-set conversion and UTF-8 validation.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Code signature verification and bundle identifiers (library
  * halcyx_codesign, which links libcrypto and libplist).

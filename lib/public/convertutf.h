@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Conversions between UTF-32, UTF-16 and UTF-8, and a UTF-8 sequence check,
  * with the rules of the long-published Unicode, Inc. reference converters.

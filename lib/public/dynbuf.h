@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Dynamic buffers: growable byte buffers embedded by value.
  *

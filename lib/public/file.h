@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Path names, directory operations, copy and move.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * File handles: one record per open file over a POSIX descriptor.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Advisory lock files shared between processes and hosts.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Common definitions of the library's public headers.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Hash tables: chained tables from keys to pointer-sized values.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The running process and the programs it starts.
  *

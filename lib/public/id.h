@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * User and group identity of the running process.
  *

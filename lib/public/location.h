@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Product location: symbolic keys to absolute paths inside the installed
  * product bundle, and the fixed places outside it (host directory, product

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The process's pending user message: messages collected for the user
  * while an operation runs, kept in the order they were appended (unlike a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Message lists: user-visible errors kept as message identifier, English
  * format and captured arguments, so that they can be logged in English now

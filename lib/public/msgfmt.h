@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Message argument formats: walking printf-style formats and capturing
  * their arguments, so that a message can be kept (and formatted again

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * POSIX calls on the library's strings: paths in and out are UTF-8, given to
  * the system in the process's default encoding. Results are newly allocated

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Root-owned copies for the Services tree (implemented in the opener's
  * archive, halcyx_opener).

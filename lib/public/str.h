@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Formatted output and bounded string helpers.
  *

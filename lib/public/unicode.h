@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Unicode strings: the system's string type and its encodings.
  *

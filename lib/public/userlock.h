@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The library's own locks: an exclusive lock, a recursive lock and
  * condition variables bound to either.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Safe allocation wrappers and memory helpers.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Pieces of the formatting engine shared with the Str_ helpers and the
  * library's own tests. Not part of the public API.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Bounded string helpers over the formatting engine.
  *

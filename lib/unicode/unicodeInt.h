@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Inside the string layer: the conversion primitives that the public
  * functions of lib/public/unicode.h are built on.

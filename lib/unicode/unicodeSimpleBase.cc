@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Strings in and out of other encodings, validation, measures and escaping.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Operations on strings: comparison, substrings, search, replacement,
  * joining, formatting and the source-literal decoder.

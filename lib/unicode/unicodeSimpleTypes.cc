@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Encodings: the name table, name and enumerator lookups, the default
  * encoding and the layer's initialisation.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Regenerates lib/unicode/unicodeSimpleCaseFold.inc from the installed ICU
 # (Debian package libicu-dev). Run from the project root; commit the result.
 set -euo pipefail

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Code signatures against a PKI made for the test run: two signing
 // organisations under a pinned vendor root, a third organisation, a leaf
 // without the code-signing usage, an attacker root that copies the vendor

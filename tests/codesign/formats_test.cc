@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The strict parsers: requirement text, code directory and CodeResources.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Copy and move: trees with links, special files and undecodable names,
 // refusal to write through planted links, and (as root, in a private mount
 // namespace) moves across file systems, a full file system in the middle

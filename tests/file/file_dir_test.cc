@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Directory operations on real trees in a private temporary directory.
 #include <gtest/gtest.h>
 

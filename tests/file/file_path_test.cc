@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Path names: the slash rules as tables, and the resolution of names that
 // exist only in part.
 #include <gtest/gtest.h>

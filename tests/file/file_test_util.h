@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A private temporary directory for file-layer tests, removed with all it
 // holds (by nftw, not by the code under test).
 #ifndef HALCYX_TESTS_FILE_TEST_UTIL_H

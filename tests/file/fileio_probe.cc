@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Run set-user-ID root by an unprivileged user: lowers its effective user
 // ID as the product's programs do, then opens argv[1] plainly and through
 // the privileged open, and reports the results and the identity afterwards.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // File handles: open outcomes, the read and write loops, messages, the
 // handle's advisory lock and replace-by-rename.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Lock files shared by two hosts: lockers in network namespaces whose
 // interfaces carry different hardware addresses have different machine IDs,
 // as on two machines sharing one file system. Needs root; this executable

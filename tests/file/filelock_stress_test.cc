@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Lock files across real processes: eight lockers on one path, some of them
 // killed at random points. Every locker records in shared memory what it
 // holds, so a second holder of a conflicting lock is seen at once.

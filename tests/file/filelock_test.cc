@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Lock files within one host: the directory protocol against what other
 // processes (live, dead or foreign) leave in a lock directory.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Makes a look-then-act race deterministic. Once armed with a name, the
 // next lstat of a path ending in that name, or fstatat of that name, does
 // its look and then runs the armed action before returning, as if another

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // User-level locks under several threads; also run under ThreadSanitizer.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // User-level locks: names, dumps and the fatal paths (run in child processes).
 #include <gtest/gtest.h>
 

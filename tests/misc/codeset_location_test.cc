@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // CodeSet_Init without a directory asks product location for "icuDir" when
 // the program links the location module (this test does; codeset_test does
 // not, and covers the fixed fallback directory).

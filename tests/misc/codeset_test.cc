@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Code-set conversion: the fast validator against the plain automaton and
 // ICU, the built-in engine against ICU for every pair and flag, engine
 // selection, and ICU mapped only when something needs it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // UTF converters: round trips, cuts at whole characters, and strict versus
 // lenient handling of ill-formed input.
 #include <gtest/gtest.h>

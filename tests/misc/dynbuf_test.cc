@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Dynamic buffers: growth, failures that change nothing, ownership, fatal forms.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Atomic hash tables under concurrent use (also under ThreadSanitizer: no
 // fork). Threads take the same keys in the same order, to collide often.
 #include <gtest/gtest.h>

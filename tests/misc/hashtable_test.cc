@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Hash tables, single-threaded: placement, key types, value ownership and
 // the fatal paths.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The diagnostic log, the fatal path and the safe allocation wrappers.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Message formats: the scanner, argument capture with its error texts,
 // and formatting again from captured arguments.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Message lists, the pending user message and the error-number texts.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Both ends of the opener-to-daemon protocol over a socket pair.
 #include <gtest/gtest.h>
 

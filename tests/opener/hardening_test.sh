@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # The hardening of the built opener, read from the executable itself:
 #   hardening_test.sh --sanitized=SANITIZERS OPENER ARCHIVE...
 # Each ARCHIVE is a static library linked into OPENER; some function of each

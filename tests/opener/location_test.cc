@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Product location: process tags, the key table, and the product root found
 // from a real bundle tree, from the environment and from the product file.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The real opener, installed set-user-ID root in a copy of the signed sample
 // bundle (owned by "nobody"), started by "nobody" as the product starts it:
 // cold starts that rebuild the Services tree and start the reference

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Scrubs its own environment and prints what is left, one entry per NUL.
 #include <cstdio>
 #include <cstring>

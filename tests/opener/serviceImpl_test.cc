@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Mode selection and the privilege bracket of the opener's service logic.
 #include <gtest/gtest.h>
 

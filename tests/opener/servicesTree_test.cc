@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The prepare-daemon callback in this process, as root, for what the
 // installed opener cannot be made to meet: a Library directory that cannot
 // be created, and a bundle component swapped between its check and its

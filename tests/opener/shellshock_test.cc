@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The environment scrub, run on real process environments: a probe is
 // exec'd with a crafted environment and prints what survives.
 #include <gtest/gtest.h>

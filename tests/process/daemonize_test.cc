@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Daemon launch observed from outside: the probe runs as the daemon, reports
 // its process ID on one kept pipe and lives until the test closes another,
 // while the test reads its state from /proc.

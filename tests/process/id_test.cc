@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Process identity seen from outside: the probe runs set-user-ID root as
 // "nobody", and from paths around the 1024-byte limit.
 #include <gtest/gtest.h>

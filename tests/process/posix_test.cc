@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Path calls on library strings: link targets of every length the buffer
 // growth has to handle, canonical paths, and the errors callers see.
 #include <gtest/gtest.h>

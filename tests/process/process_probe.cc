@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A program for the process tests to run where the situation under test
 // needs a process of its own: set-user-ID root, at a chosen path, as a
 // daemon. Results go to standard error as "key value" lines (standard output

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * Every public header, compiled as C, and a few calls through the C API from
  * a C translation unit: the names must link unmangled.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The privileged service listener, run as a program inside a bundle whose
 // Info.plist each case rewrites (the listener reads it for every
 // connection), against client programs signed with the build's development

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The clients of the listener tests, copied and signed (or not) by them:
 //    test_client SOCKET_DIR SERVICE MODE [ARG...]
 // Exit status 0 when the listener behaved as the mode expects, 3 when it

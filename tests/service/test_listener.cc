@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The listener under test: copied into a bundle by the tests and run as
 //    test_listener SOCKET_DIR SERVICE_NAME
 // It answers every message with a copy of it plus "peer" (the sender's pid),

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The opener is one static program: no interpreter, no needed library, and
 // at exit nothing is mapped from any file but the program itself.
 #include <gtest/gtest.h>

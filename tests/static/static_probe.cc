@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Linked as the opener: drives the verifier into libcrypto with the
 // environment pointing libcrypto at a configuration file and a module
 // directory, then asks libcrypto to load a module.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The C library's ecvt and fcvt share static storage; the engine's digits
 // must not, or threads formatting floats at once read each other's digits.
 #include <gtest/gtest.h>

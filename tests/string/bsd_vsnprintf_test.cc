@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The formatting engine where it differs by design from the C library's
 // printf, its allocating sink, positional arguments and failures.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The formatting engine against the C library on the conversions where the two
 // agree by design, over formats and values generated from fixed seeds. Each
 // case is compared into buffers of several sizes (ASCII output, so truncation

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The C type each conversion of the engine reads, and a call of a variadic
 // function with argument values at exactly those types. Shared by the
 // differential test and the fuzz harness.

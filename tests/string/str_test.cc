@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The Str_ helpers: bounded formatting with UTF-8 trimming, allocating forms,
 // and the bounded copies whose overflow is fatal.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Takes over the library's allocation seam for a test: records every
 // request and refuses the ones asked for. One instance at a time.
 #ifndef HALCYX_TESTS_SUPPORT_ALLOC_SEAM_H

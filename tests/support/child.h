@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Runs a piece of test code in a forked child and reports how it ended.
 //
 // The child's standard output (the diagnostic log) and standard error are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Switches the code-set layer between its engines for a test: the ICU
 // engine is chosen by a temporary directory holding an "icudt44l.dat" file,
 // the built-in one by CodeSet_DontUseIcu. The built-in engine is restored

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A private /tmp for tests and benchmarks that run installed programs in a
 // sandbox under /tmp: a fresh tmpfs covers /tmp in the calling process's
 // own mount namespace, so nothing they make there reaches the host.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The "key value" lines that test probe programs print, as a map.
 #ifndef HALCYX_TESTS_SUPPORT_PROBE_REPORT_H
 #define HALCYX_TESTS_SUPPORT_PROBE_REPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "setuid_install.h"
 
 #include <filesystem>

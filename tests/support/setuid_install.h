@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Runs test programs the way the product starts its set-user-ID programs:
 // installed root-owned with the set-user-ID bit, started by "nobody".
 #ifndef HALCYX_TESTS_SUPPORT_SETUID_INSTALL_H

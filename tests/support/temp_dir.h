@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A test fixture with a fresh directory of its own under the temporary
 // directory (its real path), removed with everything in it afterwards.
 #ifndef HALCYX_TESTS_SUPPORT_TEMP_DIR_H

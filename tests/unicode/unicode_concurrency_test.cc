@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Racing first users of the string layer: initialisation runs once, the
 // name cache is created once and every thread gets the same answers.
 #include <gtest/gtest.h>

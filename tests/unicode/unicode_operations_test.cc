@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // String operations: ranges, search, replacement, joining, case-insensitive
 // ordering and the source-literal decoder.
 #include <gtest/gtest.h>

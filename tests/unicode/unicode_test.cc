@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The string layer: encoding names, conversion in and out of strings, the
 // fatal paths and escaping, with both conversion engines where they differ.
 #include <gtest/gtest.h>

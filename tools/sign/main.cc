@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // halcyx-sign: signs, verifies, shows and removes code signatures of files
 // and bundles, and moves a file's signature in and out of a detached file.
 //
