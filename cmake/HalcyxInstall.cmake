@@ -125,7 +125,7 @@ halcyx_package_targets(halcyx-opener halcyx-services-daemon halcyx-sign)
 set(_conf "")
 foreach(_v PROJECT_NAME PROJECT_VERSION HALCYX_INSTALL_OPENER_DIR HALCYX_INSTALL_OPENER_NAME
            HALCYX_HOST_DIR HALCYX_ADMIN_TRUST_STORE HALCYX_SANDBOX_DIR HALCYX_VENDOR_ROOTS_PEM
-           CMAKE_INSTALL_LIBEXECDIR CMAKE_INSTALL_MANDIR CMAKE_INSTALL_DOCDIR)
+           CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_LIBEXECDIR CMAKE_INSTALL_MANDIR CMAKE_INSTALL_DOCDIR)
   string(FIND "${${_v}}" "'" _quote)
   if(NOT _quote EQUAL -1)
     message(FATAL_ERROR "halcyx: ${_v} may not contain a single quote")
