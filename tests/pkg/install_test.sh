@@ -29,7 +29,6 @@ case $setuid in
 ON) [ -u "$opener" ] || fail "HALCYX_INSTALL_SETUID=ON installed the opener without the bit" ;;
 *) [ ! -u "$opener" ] || fail "the opener is set-user-ID without HALCYX_INSTALL_SETUID" ;;
 esac
-[ -d "$dest$HALCYX_ADMIN_TRUST_STORE" ] || fail "no admin trust store"
 [ -x "$dest$HALCYX_HOST_DIR/Services/Contents/Library/services/Zorvex Halcyx Services" ] ||
    fail "no services daemon at the daemon path"
 
