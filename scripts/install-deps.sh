@@ -14,6 +14,7 @@ packages=(
   iproute2                          # network namespaces of the two-host lock test
   openssl attr                      # code-signing tests: PKI and extended attributes
   debian-archive-keyring            # checks the libplist source fetched for the static opener
+  dpkg-dev lintian                  # the Debian package: its dependencies, and its check
 )
 
 missing=()
