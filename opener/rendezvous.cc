@@ -23,7 +23,10 @@
  * - No opener waits for ever on another: the wait for the lock and a
  *   connect that blocks under it (the listener's queue is full while the
  *   daemon starts) each give up after kBoundSeconds, failing as the open or
- *   the connect with errno EAGAIN.
+ *   the connect with errno EAGAIN. The bound also covers what the IDs
+ *   cannot: a stop whose permission the kernel checked just before the IDs
+ *   changed but which it queues only later, and a holder frozen with the
+ *   cgroup its caller may control.
  * - Only a descriptor that was open when the rendezvous began is handed
  *   over; a number that named nothing then never names one of our own.
  * - Every descriptor is closed on the way out, and a failed close is a
