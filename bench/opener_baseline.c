@@ -3,11 +3,14 @@
  * The opener's hot path and nothing else, as the lower bound for the
  * opener benchmark: the same system calls in the same order (scrub the
  * environment, lower the effective user ID, the time-stamped start line,
- * raise, lock, connect, release the lock, lower, then greeting, descriptor
+ * block the stop signals and become root in all IDs, lock, connect,
+ * release the lock, restore IDs and mask, then greeting, descriptor
  * and verdict), with none of the opener's checks or messages. Built statically from the sandbox's fixed paths and installed
  * set-user-ID root only inside the benchmark's private sandbox.
  */
+#define _GNU_SOURCE
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <stdio.h>
 #include <string.h>
@@ -66,14 +69,31 @@ int main(int argc, char **argv) {
    write(1, text, (size_t)n);
    fcntl(fd, F_GETFD);
 
-   seteuid(root);
+   (void)root;
+   sigset_t stops;
+   sigset_t mask;
+   sigemptyset(&stops);
+   sigaddset(&stops, SIGTSTP);
+   sigaddset(&stops, SIGTTIN);
+   sigaddset(&stops, SIGTTOU);
+   sigprocmask(SIG_BLOCK, &stops, &mask);
+   uid_t ruid;
+   uid_t euid;
+   uid_t suid;
+   getresuid(&ruid, &euid, &suid);
+   setresuid(0, 0, 0);
    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   struct timeval bound = {HALCYX_RENDEZVOUS_BOUND_SECONDS, 0};
+   setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound);
    struct sockaddr_un addr = {AF_UNIX, HALCYX_SOCKET_PATH};
    int lock = open(HALCYX_LOCK_PATH, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
-   flock(lock, LOCK_EX);
+   if (flock(lock, LOCK_EX | LOCK_NB) != 0) {
+      flock(lock, LOCK_EX);
+   }
    int rc = connect(s, (struct sockaddr *)&addr, sizeof addr);
    close(lock);
-   seteuid(getuid());
+   setresuid(ruid, euid, suid);
+   sigprocmask(SIG_SETMASK, &mask, NULL);
    if (rc != 0) {
       return 1;
    }

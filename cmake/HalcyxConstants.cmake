@@ -14,6 +14,8 @@ set(HALCYX_LOCATION_ENV "ZORVEX_LOCATION_ROOT_FULLPATH" CACHE STRING
     "Environment variable naming the product root for untagged programs")
 set(HALCYX_PROCESS_TAG "halcyx-opener" CACHE STRING "Process tag of the opener")
 set(HALCYX_LOG_LEVEL "2" CACHE STRING "Log level handed to the opener")
+set(HALCYX_RENDEZVOUS_BOUND_SECONDS "30" CACHE STRING
+    "Seconds the opener waits for the rendezvous lock, and for a connect that blocks under it")
 set(HALCYX_SERVICE_SOCKET_DIR "/run" CACHE STRING
     "Directory of the privileged service listener's sockets")
 set(HALCYX_ADMIN_TRUST_STORE "/etc/halcyx/trust" CACHE STRING

@@ -14,5 +14,9 @@ set(HALCYX_HOST_DIR "${HALCYX_SANDBOX_DIR}/Library/Application Support/Zorvex/Zo
 set(HALCYX_PRODUCT_FILE "${HALCYX_SANDBOX_DIR}/Library/Preferences/Zorvex Halcyx/lastLocationUsed"
     CACHE STRING "")
 set(HALCYX_DAEMON_LOG_PATH "${HALCYX_SANDBOX_DIR}/log/Zorvex Halcyx Services.log" CACHE STRING "")
+# Tests wait for the rendezvous bound to pass, so it is shorter here; the
+# test user's openers pause with the lock held (never in a real build).
+set(HALCYX_RENDEZVOUS_BOUND_SECONDS "10" CACHE STRING "")
+set(HALCYX_TEST_PAUSE_UID "65530" CACHE STRING "")
 set(HALCYX_BUILD_TESTS OFF CACHE BOOL "")
 set(HALCYX_BUILD_BENCH OFF CACHE BOOL "")

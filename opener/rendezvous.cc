@@ -4,12 +4,29 @@
  * starting it first when nobody listens on its socket.
  *
  * Invariants of this privileged module:
- * - Root only inside a RootBracket: while the side is chosen (socket, lock,
+ * - Root only inside a bracket: while the side is chosen (socket, lock,
  *   connect or bind, chmod, listen, and the lock's release) and around the
  *   daemon start. The prepare-daemon callback, the greeting, the hand-over
  *   and the verdict run with the caller's user ID.
  * - The lock file is held only while the side is chosen, never across a
  *   daemon start, and is never removed.
+ * - Every opener waits on the lock, so whoever holds it is out of its own
+ *   caller's reach: the side is chosen as root in all three user IDs with
+ *   the terminal's stop signals blocked (SealedRootBracket), and the caller
+ *   can neither stop nor kill its opener while it holds the lock. A stop
+ *   the caller sends just before the IDs change lands before the lock is
+ *   taken, so an opener stopped that way holds nothing that others wait
+ *   for; it stays stopped as root, which its caller can continue (same
+ *   session) but not kill, and which no longer counts against the caller's
+ *   process limit until it continues. Between tries for a busy lock the
+ *   opener is the caller's again, to stop or kill like any of its processes.
+ * - No opener waits for ever on another: the wait for the lock and a
+ *   connect that blocks under it (the listener's queue is full while the
+ *   daemon starts) each give up after kBoundSeconds, failing as the open or
+ *   the connect with errno EAGAIN. The bound also covers what the IDs
+ *   cannot: a stop whose permission the kernel checked just before the IDs
+ *   changed but which it queues only later, and a holder frozen with the
+ *   cgroup its caller may control.
  * - Only a descriptor that was open when the rendezvous began is handed
  *   over; a number that named nothing then never names one of our own.
  * - Every descriptor is closed on the way out, and a failed close is a
@@ -23,21 +40,32 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "hostinfo.h"
 #include "internal/fatal.h"
 #include "log.h"
+#include "openerConfig.h"
 #include "rootBracket.h"
 #include "serviceImpl.h"
 #include "str.h"
 
 using halcyx::RootBracket;
+using halcyx::SealedRootBracket;
 
 namespace {
 
 constexpr char kPickTag[] = "ServiceImplPickSockSide";
 constexpr char kStartTag[] = "ServiceImplDaemonStart";
+
+// Bound on the wait for the lock and on a connect that blocks under it.
+constexpr time_t kBoundSeconds = HALCYX_RENDEZVOUS_BOUND_SECONDS;
+static_assert(kBoundSeconds > 0, "the rendezvous needs a positive bound");
+// Pauses between tries for a busy lock: short at first (the lock is
+// normally held for a connect), then no more than a hundred tries a second.
+constexpr long kFirstPauseNs = 50 * 1000;
+constexpr long kLongestPauseNs = 10 * 1000 * 1000;
 
 // The socket's address; a path that does not fit sun_path ends the process
 // in the checked copy. An empty path would name Linux's abstract namespace,
@@ -51,23 +79,60 @@ void FillAddress(struct sockaddr_un *addr, const char *path) {
    Str_Strcpy(addr->sun_path, path, sizeof addr->sun_path);
 }
 
-// Opens the lock file and waits for its exclusive lock; -1 on failure.
-// Taking the lock is part of the open, so its failure is the open's.
-int OpenLocked(const char *lockPath) {
+bool Before(const struct timespec &a, const struct timespec &b) {
+   return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
+}
+
+/*
+ * Opens the lock file and takes its exclusive lock, waiting at most
+ * kBoundSeconds for it; -1 on failure. Taking the lock is part of the open,
+ * so its failure (or the end of the wait, errno EAGAIN) is the open's.
+ * Between tries root leaves the bracket: a busy lock is waited for as the
+ * caller, and each try enters the bracket again before it can succeed.
+ */
+int OpenLocked(const char *lockPath, SealedRootBracket &root) {
    int fd = open(lockPath, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
    if (fd < 0) {
       Warning("%s: open errno %d.\n", kPickTag, errno);
       return -1;
    }
-   int rc;
-   while ((rc = flock(fd, LOCK_EX)) != 0 && errno == EINTR) {
-   }
-   if (rc != 0) {
-      Warning("%s: open errno %d.\n", kPickTag, errno);
-      ServiceImplClose(&fd, nullptr);
+   struct timespec deadline = {0, 0};
+   long pauseNs = kFirstPauseNs;
+   while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+      if (errno != EWOULDBLOCK && errno != EINTR) {
+         Warning("%s: open errno %d.\n", kPickTag, errno);
+         ServiceImplClose(&fd, nullptr);
+         return -1;
+      }
+      struct timespec now;
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      if (deadline.tv_sec == 0 && deadline.tv_nsec == 0) {
+         deadline = now;
+         deadline.tv_sec += kBoundSeconds;
+      } else if (!Before(now, deadline)) {
+         Warning("%s: open errno %d.\n", kPickTag, EWOULDBLOCK);
+         ServiceImplClose(&fd, nullptr);
+         return -1;
+      }
+      root.Leave();
+      const struct timespec pause = {0, pauseNs};
+      nanosleep(&pause, nullptr);
+      root.Enter();
+      pauseNs = pauseNs * 2 < kLongestPauseNs ? pauseNs * 2 : kLongestPauseNs;
    }
    return fd;
 }
+
+#ifdef HALCYX_TEST_PAUSE_UID
+// Sandbox builds only: the test user's openers linger with the lock held
+// for two seconds, where a stop from their caller would leave them.
+void PauseHoldingTheLock(const SealedRootBracket &root) {
+   if (root.CallerUid() == HALCYX_TEST_PAUSE_UID) {
+      const struct timespec pause = {2, 0};
+      nanosleep(&pause, nullptr);
+   }
+}
+#endif
 
 // Takes over the socket path: replaces whatever is there with a socket that
 // only root can connect to until the daemon's callers are served.
@@ -99,9 +164,10 @@ bool Listen(int sock, const char *socketPath, const struct sockaddr_un *addr) {
 /*
  * Under the lock, connects to the daemon or, when nobody listens, becomes
  * the listener. Returns the socket (and which side it is) or -1. Runs as
- * root.
+ * root out of the caller's reach, and leaves the bracket as it found it.
  */
 int PickSockSide(const char *lockPath, const char *socketPath, bool *listener) {
+   SealedRootBracket root;
    int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
    if (sock < 0) {
       Warning("%s: socket errno %d.\n", kPickTag, errno);
@@ -109,10 +175,22 @@ int PickSockSide(const char *lockPath, const char *socketPath, bool *listener) {
    }
    struct sockaddr_un addr;
    FillAddress(&addr, socketPath);
+   // A Unix-domain connect waits for room in the listener's queue for as
+   // long as the send time-out allows, then fails with EAGAIN. Bounding the
+   // socket is part of making it.
+   const struct timeval bound = {kBoundSeconds, 0};
+   if (setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound) != 0) {
+      Warning("%s: socket errno %d.\n", kPickTag, errno);
+      ServiceImplClose(&sock, nullptr);
+      return -1;
+   }
 
    bool picked = false;
-   int lock = OpenLocked(lockPath);
+   int lock = OpenLocked(lockPath, root);
    if (lock >= 0) {
+#ifdef HALCYX_TEST_PAUSE_UID
+      PauseHoldingTheLock(root);
+#endif
       if (connect(sock, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0) {
          picked = true;
          *listener = false;
@@ -190,10 +268,7 @@ extern "C" bool ServiceImplOpener(const char *lockPath, const char *socketPath,
    // and a successful daemon start both lead to another pass.
    for (;;) {
       bool listener = false;
-      {
-         RootBracket root;
-         sock = PickSockSide(lockPath, socketPath, &listener);
-      }
+      sock = PickSockSide(lockPath, socketPath, &listener);
       if (sock == -1) {
          break;
       }

@@ -13,6 +13,7 @@
 // and die with each test.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -23,6 +24,7 @@
 #include <regex>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -37,6 +39,7 @@
 
 #include "private_tmp.h"
 #include "serviceProtocol.h"
+#include SANDBOX_CONFIG  // the sandbox opener's build constants
 
 namespace fs = std::filesystem;
 
@@ -192,10 +195,10 @@ protected:
       return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
    }
 
-   // Wait for at most 5 s; -2 when pid still runs then.
-   static int WaitBriefly(pid_t pid) {
+   // Wait for at most the given seconds; -2 when pid still runs then.
+   static int WaitBriefly(pid_t pid, int seconds = 5) {
       int status = 0;
-      for (int i = 0; i < 100; i++, usleep(50000)) {
+      for (int i = 0; i < seconds * 20; i++, usleep(50000)) {
          if (waitpid(pid, &status, WNOHANG) == pid) {
             return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
          }
@@ -446,6 +449,78 @@ TEST_F(SandboxedOpener, NoUserCanStopStarveOrCrowdOutTheDaemon) {
    pid_t other = Spawn({}, {}, nullptr, {}, sNobody - 1);
    EXPECT_EQ(DaemonLog("watching the liveness pipe of pid " + std::to_string(other), 1).size(),
              1u);
+}
+
+// Whether some process holds the lock file's lock within 5 s.
+bool LockTaken() {
+   int fd = open(kLock.c_str(), O_RDONLY | O_CLOEXEC);
+   bool taken = false;
+   for (int i = 0; i < 500 && fd >= 0 && !taken; i++) {
+      taken = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+      if (!taken) {
+         flock(fd, LOCK_UN);
+         usleep(10000);
+      }
+   }
+   close(fd);
+   return taken;
+}
+
+// Every opener waits on the lock, so its holder is out of its caller's
+// reach: the sandbox's pausing user plays a caller who sends SIGSTOP to its
+// opener while that holds the lock, and another user's opener still runs.
+TEST_F(SandboxedOpener, ACallerCannotStopItsOpenerWhileItHoldsTheLock) {
+   ASSERT_EQ(Wait(Spawn({"0"})), 0) << "no daemon";
+   const uid_t attacker = HALCYX_TEST_PAUSE_UID;
+   pid_t holder = Spawn({"0"}, {}, nullptr, {}, attacker);
+   ASSERT_TRUE(LockTaken());
+   pid_t signaller = fork();
+   if (signaller == 0) {
+      _exit(setresuid(attacker, attacker, attacker) == 0 && kill(holder, SIGSTOP) != 0 &&
+                  errno == EPERM
+               ? 0
+               : 1);
+   }
+   EXPECT_EQ(Wait(signaller), 0) << "the caller stopped its opener holding the lock";
+   EXPECT_EQ(WaitBriefly(Spawn({"0"})), 0) << "another user's opener did not finish";
+   EXPECT_EQ(WaitBriefly(holder), 0);
+}
+
+// The wait for the lock and a connect that blocks under it end after the
+// bound, as a failed open or connect.
+TEST_F(SandboxedOpener, WaitsUnderTheLockEndAfterTheBound) {
+   for (const std::string failure : {"open", "connect"}) {
+      SCOPED_TRACE(failure);
+      std::vector<int> held;  // a stuck lock holder, or a listener never accepting
+      if (failure == "open") {
+         held.push_back(open(kLock.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
+         ASSERT_EQ(flock(held[0], LOCK_EX), 0);
+      } else {
+         struct sockaddr_un addr = {AF_UNIX, {}};
+         strcpy(addr.sun_path, kSock.c_str());
+         held.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+         ASSERT_EQ(bind(held[0], reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+         ASSERT_EQ(listen(held[0], 0), 0);
+         do {  // fill its queue
+            held.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+         } while (connect(held.back(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0);
+         ASSERT_EQ(errno, EAGAIN);
+      }
+      fs::path out;
+      auto start = std::chrono::steady_clock::now();
+      int status = WaitBriefly(Spawn({"0"}, {}, &out), HALCYX_RENDEZVOUS_BOUND_SECONDS + 3);
+      std::chrono::duration<double> waited = std::chrono::steady_clock::now() - start;
+      EXPECT_EQ(status, 1) << "-2: still waiting";
+      EXPECT_GE(waited.count(), HALCYX_RENDEZVOUS_BOUND_SECONDS - 0.1);
+      EXPECT_NE(Slurp(out).find("Warning: ServiceImplPickSockSide: " + failure + " errno " +
+                                std::to_string(EAGAIN) + ".\n"),
+                std::string::npos)
+         << Slurp(out);
+      for (int fd : held) {
+         close(fd);
+      }
+      unlink(kSock.c_str());
+   }
 }
 
 // The test plays the daemon: it listens on the socket before the opener

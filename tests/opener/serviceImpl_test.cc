@@ -2,18 +2,21 @@
 // Mode selection and the privilege bracket of the opener's service logic.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <filesystem>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <regex>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "child.h"
+#include "rootBracket.h"
 #include "serviceImpl.h"
 
 using halcyx::test::LogEntries;
@@ -124,6 +127,60 @@ TEST(PrivilegeBracket, AFailedRaiseIsLoggedAndRootIsNotRegained) {
    EXPECT_EQ(LogEntries(r.out),
              (std::vector<std::string>{
                 "Warning: ServiceImpl_PrivRaise: seteuid errno " + eperm + ".\n"}));
+}
+
+// Inside the sealed bracket: root in every ID when the saved ID allows it,
+// the stop signals blocked. Afterwards (also after leaving and entering
+// again, as a waiter does) the IDs and the mask exactly as they were: a
+// signal the caller had blocked stays blocked.
+TEST(PrivilegeBracket, SealedBracketRestoresIdsAndMaskExactly) {
+   if (geteuid() != 0) {
+      GTEST_SKIP() << "needs root";
+   }
+   using Ids = std::array<uid_t, 3>;
+   auto ids = [] {
+      Ids now;
+      getresuid(&now[0], &now[1], &now[2]);
+      return now;
+   };
+   const struct {
+      Ids start, inside;
+   } cases[] = {
+      {{65534, 65534, 0}, {0, 0, 0}},              // set-user-ID root, lowered
+      {{65534, 65534, 65534}, {65534, 65534, 65534}}, // no root to regain
+   };
+   for (const auto &c : cases) {
+      auto r = RunInChild([&] {
+         sigset_t mask[3];
+         sigemptyset(&mask[1]);
+         sigaddset(&mask[1], SIGTTIN);
+         if (sigprocmask(SIG_BLOCK, &mask[1], nullptr) != 0 ||
+             setresuid(c.start[0], c.start[1], c.start[2]) != 0) {
+            _exit(10);
+         }
+         ServiceImpl_PrivLower();
+         sigprocmask(SIG_BLOCK, nullptr, &mask[0]);
+         {
+            halcyx::SealedRootBracket root;
+            root.Leave();
+            root.Enter();
+            sigprocmask(SIG_BLOCK, nullptr, &mask[1]);
+            if (ids() != c.inside || !sigismember(&mask[1], SIGTSTP) ||
+                !sigismember(&mask[1], SIGTTOU) || root.CallerUid() != c.start[0]) {
+               _exit(11);
+            }
+         }
+         sigprocmask(SIG_BLOCK, nullptr, &mask[2]);
+         for (int sig = 1; sig <= SIGRTMAX; sig++) {
+            if (sigismember(&mask[0], sig) != sigismember(&mask[2], sig)) {
+               _exit(12);
+            }
+         }
+         _exit(ids() == c.start ? 0 : 13);
+      });
+      EXPECT_EQ(r.ExitCode(), 0) << c.start[2];
+      EXPECT_EQ(r.out, "");
+   }
 }
 
 // The rendezvous itself, in this process, with paths in a temporary directory.
