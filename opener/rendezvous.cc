@@ -154,7 +154,10 @@ bool Listen(int sock, const char *socketPath, const struct sockaddr_un *addr) {
       Warning("%s: chmod errno %d.\n", kPickTag, errno);
       return false;
    }
-   if (listen(sock, 0) != 0) {
+   // Every opener that arrives during the cold start must wait in the
+   // accept queue, not in connect: Linux blocks a connect to a full queue,
+   // and that connect would hold the rendezvous lock until the daemon runs.
+   if (listen(sock, SOMAXCONN) != 0) {
       Warning("%s: listen errno %d.\n", kPickTag, errno);
       return false;
    }
