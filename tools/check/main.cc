@@ -58,9 +58,8 @@ constexpr char kUsage[] =
    "\n"
    "  --root DIR     check the layout under DIR (an image, a container) instead\n"
    "                 of /; every fixed path, --opener's too, lies under DIR\n"
-   "  --opener PATH  the installed opener (default: the bundle recorded in the\n"
-   "                 product file, then Contents/Library/services/\n"
-   "                 Open Zorvex Halcyx Services)\n"
+   "  --opener PATH  the installed opener (default: " HALCYX_INSTALLED_OPENER "\n"
+   "                 and the one in the bundle recorded in the product file)\n"
    "  -h, --help     this text\n"
    "  --version      the version\n"
    "\n"
@@ -353,25 +352,34 @@ std::string Checker::RecordedBundle() {
 }
 
 void Checker::CheckOpener(const char *openerOption) {
-   std::string path;
+   // The one named, or else both the packaged opener and the one in the
+   // bundle last used, where each exists.
+   std::vector<std::string> paths;
    if (openerOption != nullptr) {
-      path = openerOption;
+      paths.push_back(openerOption);
    } else {
+      paths.push_back(HALCYX_INSTALLED_OPENER);
       std::string bundle = RecordedBundle();
-      if (bundle.empty() || bundle[0] != '/') {
-         printf("skipped: the opener: the product file records no bundle (give --opener PATH)\n");
-         return;
+      if (!bundle.empty() && bundle[0] == '/' && bundle + kOpenerSubPath != paths[0]) {
+         paths.push_back(bundle + kOpenerSubPath);
       }
-      path = bundle + kOpenerSubPath;
    }
-   Object opener;
-   if (!Walk(path, kLoose, &opener)) {
-      printf("skipped: the opener: %s%s is missing\n", prefix_.c_str(), path.c_str());
-      return;
+   bool found = false;
+   for (const std::string &path : paths) {
+      Object opener;
+      if (!Walk(path, kLoose, &opener)) {
+         continue;
+      }
+      found = true;
+      CheckOwnedFile(opener, S_IFREG, "not a regular file");
+      if (S_ISREG(opener.st.st_mode) && (opener.st.st_mode & S_ISUID) == 0) {
+         Unsafe(opener.shown, "not set-user-ID");
+      }
    }
-   CheckOwnedFile(opener, S_IFREG, "not a regular file");
-   if (S_ISREG(opener.st.st_mode) && (opener.st.st_mode & S_ISUID) == 0) {
-      Unsafe(opener.shown, "not set-user-ID");
+   if (!found) {
+      printf("skipped: the opener: none installed at %s%s or recorded in the product file "
+             "(give --opener PATH)\n",
+             prefix_.c_str(), paths[0].c_str());
    }
 }
 
