@@ -51,10 +51,7 @@ protected:
       TempDirTest::SetUp();
       umask(022);
       root_ = dir_ / "root";
-      fs::create_directories(root_);
-      for (const char *dir : {HOST_DIR "/Services/Contents/Library/services", TRUST_STORE}) {
-         fs::create_directories(At(dir));
-      }
+      fs::create_directories(At(SOCKET_PATH).parent_path());
       Write(At(HOST_DIR "/Services/Contents/Library/services/Zorvex Halcyx Services"), "x", 0755);
       Write(At(LOCK_PATH), "", 0600);
       Write(At(PRODUCT_FILE), kBundle, 0444);

@@ -160,7 +160,7 @@ bool Checker::Walk(const std::string &path, const Policy &policy, Object *out) {
       dirs.clear();
       stats.clear();
       shown.clear();
-      struct stat st;
+      struct stat st = {};
       dirs.emplace_back(fcntl(rootFd_, F_DUPFD_CLOEXEC, 0));
       fstat(rootFd_, &st);
       stats.push_back(st);
