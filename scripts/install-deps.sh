@@ -13,7 +13,9 @@ packages=(
   util-linux passwd                 # setpriv, and the "nobody" account
   iproute2                          # network namespaces of the two-host lock test
   openssl attr                      # code-signing tests: PKI and extended attributes
+  groff-base man-db                 # manual page check: groff and lexgrog
   debian-archive-keyring            # checks the libplist source fetched for the static opener
+  dpkg-dev lintian                  # the Debian package: its dependencies, and its check
 )
 
 missing=()

@@ -165,22 +165,37 @@ struct Walker {
    int rootFd;
    Seal *seal;
    bool hash;  // false: regular files are listed without reading them
+   std::string *problem = nullptr;  // names what stopped the walk
    size_t entries = 0;
+
+   bool Refuse(const std::string &rel, const char *what) {
+      if (problem != nullptr) {
+         *problem = (rel.empty() ? std::string("the bundle") : rel) + " " + what;
+      }
+      return false;
+   }
 
    bool Walk(int dirFd, const std::string &prefix, int depth) {
       std::vector<std::string> names;
-      if (depth > kMaxDepth || !ListDir(dirFd, &names, &entries)) {
-         return false;
+      std::string dir = prefix.empty() ? prefix : prefix.substr(0, prefix.size() - 1);
+      if (depth > kMaxDepth) {
+         return Refuse(dir, "lies too deep");
+      }
+      if (!ListDir(dirFd, &names, &entries)) {
+         return Refuse(dir, "cannot be listed, or holds too many entries");
       }
       for (const std::string &name : names) {
          std::string rel = prefix + name;
          if (rel == kSignatureDir) {
             if (!SignatureDirIsClean(dirFd, name.c_str(), &entries)) {
-               return false;
+               return Refuse(rel, "holds something besides the signature");
             }
             continue;
          }
-         if (rel.size() > kMaxPath || !Entry(dirFd, name.c_str(), rel, depth)) {
+         if (rel.size() > kMaxPath) {
+            return Refuse(rel, "has too long a name");
+         }
+         if (!Entry(dirFd, name.c_str(), rel, depth)) {
             return false;
          }
       }
@@ -190,17 +205,17 @@ struct Walker {
    bool Entry(int dirFd, const char *name, const std::string &rel, int depth) {
       struct stat st;
       if (fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-         return false;
+         return Refuse(rel, "cannot be examined");
       }
       if (S_ISLNK(st.st_mode)) {
          char buf[kMaxPath + 1];
          ssize_t n = readlinkat(dirFd, name, buf, sizeof buf);
          if (n <= 0 || static_cast<size_t>(n) > kMaxPath) {
-            return false;
+            return Refuse(rel, "is a link that cannot be read");
          }
          std::string target(buf, static_cast<size_t>(n));
          if (!LinkStaysInside(rel, target) || !LinkResolvesInside(rootFd, rel)) {
-            return false;
+            return Refuse(rel, "is a link leaving the bundle");
          }
          SealedEntry &e = (*seal)[rel];
          e.isLink = true;
@@ -209,17 +224,17 @@ struct Walker {
       }
       if (S_ISDIR(st.st_mode)) {
          UniqueFd sub(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-         return sub && Walk(sub.get(), rel + "/", depth + 1);
+         return sub ? Walk(sub.get(), rel + "/", depth + 1) : Refuse(rel, "cannot be opened");
       }
       if (!S_ISREG(st.st_mode)) {
-         return false;
+         return Refuse(rel, "is neither a regular file, a directory nor a symbolic link");
       }
       SealedEntry e;
       if (hash) {
          UniqueFd fd(openat(dirFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
          uint64_t size;
          if (!fd || !HashFd(fd.get(), &e.hash, &size)) {
-            return false;
+            return Refuse(rel, "cannot be read");
          }
       }
       (*seal)[rel] = e;
@@ -345,9 +360,9 @@ std::string FormatCodeResources(const Seal &seal) {
    return text;
 }
 
-bool CollectSeal(int bundleFd, Seal *out) {
+bool CollectSeal(int bundleFd, Seal *out, std::string *problem) {
    Seal seal;
-   Walker w{bundleFd, &seal, true};
+   Walker w{bundleFd, &seal, true, problem};
    if (!w.Walk(bundleFd, "", 0)) {
       return false;
    }
@@ -359,20 +374,36 @@ bool CollectSeal(int bundleFd, Seal *out) {
  * The listing is compared first (names, kinds and link texts, which cost a
  * directory walk), and only then are the files read and hashed, one by one
  * until the first difference: an extra or missing file, however large, is
- * found without reading any content.
+ * found without reading any content. Both are walked in path order, so the
+ * difference named is the first one in that order.
  */
-bool CheckSeal(int bundleFd, const Seal &seal) {
+bool CheckSeal(int bundleFd, const Seal &seal, std::string *difference) {
+   auto differ = [difference](const std::string &path, const char *how) {
+      if (difference != nullptr) {
+         *difference = path + " " + how;
+      }
+      return false;
+   };
    Seal listing;
-   Walker w{bundleFd, &listing, false};
-   if (!w.Walk(bundleFd, "", 0) || listing.size() != seal.size()) {
+   Walker w{bundleFd, &listing, false, difference};
+   if (!w.Walk(bundleFd, "", 0)) {
       return false;
    }
-   for (const auto &[path, e] : seal) {
-      auto it = listing.find(path);
-      if (it == listing.end() || it->second.isLink != e.isLink ||
-          (e.isLink && it->second.target != e.target)) {
-         return false;
+   auto found = listing.begin();
+   auto sealed = seal.begin();
+   while (found != listing.end() || sealed != seal.end()) {
+      if (sealed == seal.end() || (found != listing.end() && found->first < sealed->first)) {
+         return differ(found->first, "is not sealed");
       }
+      if (found == listing.end() || sealed->first < found->first) {
+         return differ(sealed->first, "is sealed but missing");
+      }
+      if (found->second.isLink != sealed->second.isLink ||
+          (sealed->second.isLink && found->second.target != sealed->second.target)) {
+         return differ(sealed->first, "differs from its seal");
+      }
+      ++found;
+      ++sealed;
    }
    for (const auto &[path, e] : seal) {
       if (e.isLink) {
@@ -381,8 +412,11 @@ bool CheckSeal(int bundleFd, const Seal &seal) {
       UniqueFd fd(OpenAtNoFollow(bundleFd, path.c_str(), O_RDONLY));
       Digest hash;
       uint64_t size;
-      if (!fd || !HashFd(fd.get(), &hash, &size) || hash != e.hash) {
-         return false;
+      if (!fd || !HashFd(fd.get(), &hash, &size)) {
+         return differ(path, "cannot be read");
+      }
+      if (hash != e.hash) {
+         return differ(path, "differs from its seal");
       }
    }
    return true;

@@ -106,11 +106,13 @@ bool ParseCodeResources(std::string_view xml, Seal *out);
 std::string FormatCodeResources(const Seal &seal);
 // Lists every regular file and symbolic link under the bundle directory
 // (except the signature directory) with its hash or target. False when the
-// bundle holds anything else or a link that leaves it.
-bool CollectSeal(int bundleFd, Seal *out);
+// bundle holds anything else or a link that leaves it; problem, when given,
+// then names the entry and what is wrong with it.
+bool CollectSeal(int bundleFd, Seal *out, std::string *problem = nullptr);
 // Compares the bundle's contents with the seal; false at the first
-// difference (extra, missing or changed entry).
-bool CheckSeal(int bundleFd, const Seal &seal);
+// difference (extra, missing or changed entry). difference, when given,
+// then names that entry, relative to the bundle, and how it differs.
+bool CheckSeal(int bundleFd, const Seal &seal, std::string *difference = nullptr);
 
 /* ---- Trust ------------------------------------------------------------ */
 
@@ -157,7 +159,8 @@ struct Evidence {
 
 enum class ReadStatus { Ok, Unopenable, Unsigned };
 
-// Opens path (O_NOFOLLOW) as a regular file or a bundle directory.
+// Opens path (O_NOFOLLOW) as a regular file or a bundle directory; -1 with
+// errno EINVAL when it is something else (a FIFO, a device, a socket).
 int OpenCode(const char *path);
 // Reads the signature objects of the code behind fd. Unopenable: not a
 // regular file or bundle; Unsigned: an object is missing or over its cap.

@@ -84,9 +84,9 @@ bool SignBundle(int fd, const char *identifier, const Identity &id, std::string 
    if (!sigDir) {
       return Fail(error, "the signature directory is not a directory");
    }
-   if (!CollectSeal(fd, &seal)) {
-      return Fail(error, "the bundle holds a special file, a link leaving it, something "
-                         "besides the signature in Contents/_CodeSignature, or too much");
+   std::string problem;
+   if (!CollectSeal(fd, &seal, &problem)) {
+      return Fail(error, "cannot seal the bundle: " + problem);
    }
    std::string resources = FormatCodeResources(seal);
    Seal readBack;

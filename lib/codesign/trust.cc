@@ -338,8 +338,10 @@ static UniquePkey PrivateKeyIn(const std::string &pem) {
 
 bool LoadIdentity(const char *pemPath, Identity *out, std::string *error) {
    std::string pem, keyPem;
+   errno = 0;
    if (!ReadPemFile(pemPath, &pem)) {
-      *error = std::string("cannot read the identity ") + pemPath;
+      *error = std::string("cannot read the identity ") + pemPath + ": " +
+               (errno != 0 ? strerror(errno) : "empty or too large");
       return false;
    }
    Identity id;
@@ -371,6 +373,7 @@ bool LoadIdentity(const char *pemPath, Identity *out, std::string *error) {
       return false;
    }
    if (!LeafIsAcceptable(id.leaf.get(), error)) {
+      *error = std::string("the identity ") + pemPath + ": " + *error;
       return false;
    }
    *out = std::move(id);

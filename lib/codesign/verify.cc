@@ -170,8 +170,13 @@ bool CheckSignature(int fd, const SignatureObjects &objs, const TrustPolicy &pol
          *reason = "the bundle's Info.plist or seal does not match its code directory";
          return false;
       }
-      if (!ParseCodeResources(objs.resources, &seal) || !CheckSeal(fd, seal)) {
-         *reason = "the bundle's files do not match its seal";
+      if (!ParseCodeResources(objs.resources, &seal)) {
+         *reason = "the bundle's seal is malformed";
+         return false;
+      }
+      std::string difference;
+      if (!CheckSeal(fd, seal, &difference)) {
+         *reason = "the bundle's files do not match its seal: " + difference;
          return false;
       }
    }

@@ -632,6 +632,67 @@ TEST_F(Codesign, ToolExitStatusAndDetachedForm) {
    }
 }
 
+// What the tool says, on which stream, with which status: help and version
+// on standard output; a usage error names the fault; every failure names
+// its file, and a broken bundle the first file that breaks its seal.
+TEST_F(Codesign, ToolManners) {
+   const std::string tool = HALCYX_SIGN_TOOL;
+   const std::string devDir = HALCYX_DEV_SIGNING_DIR;
+   if (devDir.empty()) {
+      GTEST_SKIP() << "built with vendor roots: no development identity to sign with";
+   }
+   const std::string id = devDir + "/developer.identity.pem";
+   const std::string file = MakeFile("tool");
+   ASSERT_EQ(Shell(tool + " -s " + id + " -i com.zorvex.tool " + file + " 2>/dev/null"), 0);
+   ASSERT_EQ(mkfifo((work_ + "/fifo").c_str(), 0600), 0);
+   auto bundle = [&](const std::string &name, const char *spoil) {
+      std::string b = MakeBundle(name, "com.zorvex.app");
+      EXPECT_EQ(Shell(tool + " -s " + id + " " + b + " 2>/dev/null"), 0);
+      if (spoil) {
+         EXPECT_EQ(Shell("cd " + b + " && " + spoil), 0) << spoil;
+      }
+      return b;
+   };
+   const std::string good = bundle("Good.bundle", nullptr);
+   const std::string changed = bundle("Changed.bundle", "echo y >> Contents/Helpers/daemon");
+   const std::string missing = bundle("Missing.bundle", "rm Contents/Resources/data.bin");
+   const std::string extra = bundle("Extra.bundle", "echo x > Contents/Resources/extra");
+   std::string exported, error;
+   {
+      UniqueFd fd(OpenCode(file.c_str()));
+      ASSERT_TRUE(ExportDetached(fd.get(), &exported, &error)) << error;
+   }
+   const std::string unsealed = ": invalid signature: the bundle's files do not match its seal: ";
+   struct {
+      std::string args;
+      int status;
+      bool onStdout;
+      std::string text;
+   } cases[] = {
+      {"--help", 0, true, "usage: halcyx-sign -s IDENTITY"},
+      {"-h", 0, true, "usage: halcyx-sign -s IDENTITY"},
+      {"--version", 0, true, "halcyx-sign " HALCYX_VERSION "\n"},
+      {"-R x " + file, 2, false, "halcyx-sign: -R needs -v\nusage: "},
+      {"-v -d " + file, 2, false, "halcyx-sign: one mode at a time\n"},
+      {"-vv", 2, false, "halcyx-sign: no path given\n"},
+      {"-v --export", 2, false, "halcyx-sign: --export needs an argument\n"},
+      {"-v " + work_ + "/fifo", 1, false, work_ + "/fifo: is neither a regular file nor a bundle"},
+      {"-v /dev/null", 1, false, "/dev/null: is neither a regular file nor a bundle"},
+      {"-s " + work_ + "/none.pem " + file, 1, false, work_ + "/none.pem: No such file"},
+      {"-v " + changed, 1, false, changed + unsealed + "Contents/Helpers/daemon differs"},
+      {"-v " + missing, 1, false, missing + unsealed + "Contents/Resources/data.bin is sealed but"},
+      {"-v " + extra, 1, false, extra + unsealed + "Contents/Resources/extra is not sealed"},
+      {"-vv " + good, 0, false, good + ": sealed Contents/Helpers/daemon sha256 "},
+      {"--export - " + file, 0, true, exported},
+   };
+   for (const auto &c : cases) {
+      const std::string out = work_ + "/stdout", err = work_ + "/stderr";
+      EXPECT_EQ(Shell(tool + " " + c.args + " >" + out + " 2>" + err), c.status) << c.args;
+      EXPECT_NE(Slurp(c.onStdout ? out : err).find(c.text), std::string::npos)
+         << c.args << "\nstdout: " << Slurp(out) << "\nstderr: " << Slurp(err);
+   }
+}
+
 // The public entry points use the build's own roots, so the test PKI fails
 // there; what is checked is the log line and code of each failure.
 TEST_F(Codesign, PublicEntryPointsLogTheirFailures) {

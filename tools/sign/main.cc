@@ -3,7 +3,8 @@
 // and bundles, and moves a file's signature in and out of a detached file.
 //
 // Exit status: 0 valid (or done), 1 invalid, unsigned or failed, 2 usage,
-// 3 valid but the requirement given with -R is not satisfied.
+// 3 valid but the requirement given with -R is not satisfied. Every message
+// about a path begins with that path; a usage error says what was wrong.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -33,22 +34,40 @@ struct Options {
    const char *requirement = nullptr;
    const char *detached = nullptr;
    bool force = false;
+   int verbosity = 0;  // -v given this many times
 };
 
-int Usage() {
-   fprintf(stderr,
-           "usage: halcyx-sign -s IDENTITY [-i IDENTIFIER] [-f] PATH...\n"
-           "       halcyx-sign -v [-R REQUIREMENT] PATH...\n"
-           "       halcyx-sign -d PATH\n"
-           "       halcyx-sign --remove-signature PATH...\n"
-           "       halcyx-sign --export FILE PATH\n"
-           "       halcyx-sign --attach FILE [-f] PATH\n");
+constexpr char kUsageText[] =
+   "usage: halcyx-sign -s IDENTITY [-i IDENTIFIER] [-f] PATH...\n"
+   "       halcyx-sign -v[v] [-R REQUIREMENT] PATH...\n"
+   "       halcyx-sign -d PATH\n"
+   "       halcyx-sign --remove-signature PATH...\n"
+   "       halcyx-sign --export FILE|- PATH\n"
+   "       halcyx-sign --attach FILE [-f] PATH\n"
+   "       halcyx-sign -h | --help | --version\n";
+
+// Says what was wrong with the command line, then how it is used.
+int Usage(const std::string &what) {
+   fprintf(stderr, "halcyx-sign: %s\n%s", what.c_str(), kUsageText);
    return kUsage;
 }
 
 int Complain(const char *path, const std::string &what) {
    fprintf(stderr, "%s: %s\n", path, what.c_str());
    return kInvalid;
+}
+
+// Why OpenCode refused path, from its errno.
+int CannotOpen(const char *path) {
+   int error = errno;
+   struct stat st;
+   if (error == EINVAL) {
+      return Complain(path, "is neither a regular file nor a bundle");
+   }
+   if (error == ELOOP && lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
+      return Complain(path, "is a symbolic link, and links are never followed");
+   }
+   return Complain(path, std::string("cannot open: ") + strerror(error));
 }
 
 std::string SubjectOf(X509 *cert) {
@@ -79,7 +98,7 @@ std::string DefaultIdentifier(int fd, const char *path) {
 int SignOne(const Options &o, const Identity &id, const char *path) {
    UniqueFd fd(OpenCode(path));
    if (!fd) {
-      return Complain(path, std::string("cannot open: ") + strerror(errno));
+      return CannotOpen(path);
    }
    SignatureObjects existing;
    if (!o.force && ReadSignatureObjects(fd.get(), &existing) == ReadStatus::Ok) {
@@ -95,43 +114,72 @@ int SignOne(const Options &o, const Identity &id, const char *path) {
 }
 
 // Reads and checks the signature of path; prints why when it fails.
-int Check(const char *path, UniqueFd *fd, Evidence *ev) {
+int Check(const char *path, UniqueFd *fd, SignatureObjects *objs, Evidence *ev) {
    fd->reset(OpenCode(path));
    if (!*fd) {
-      return Complain(path, std::string("cannot open: ") + strerror(errno));
+      return CannotOpen(path);
    }
-   SignatureObjects objs;
-   switch (ReadSignatureObjects(fd->get(), &objs)) {
+   switch (ReadSignatureObjects(fd->get(), objs)) {
    case ReadStatus::Ok: break;
    case ReadStatus::Unopenable: return Complain(path, "is neither a regular file nor a bundle");
    case ReadStatus::Unsigned: return Complain(path, "is not signed");
    }
    std::string reason;
-   if (!CheckSignature(fd->get(), objs, BuildTrustPolicy(), ev, &reason)) {
+   if (!CheckSignature(fd->get(), *objs, BuildTrustPolicy(), ev, &reason)) {
       return Complain(path, "invalid signature: " + reason);
    }
    return kOk;
 }
 
-int VerifyOne(const Requirement *req, const char *path) {
+// -vv: what the valid signature covers, one line each.
+void Detail(const char *path, const SignatureObjects &objs, const Evidence &ev) {
+   const std::string cdhash = HexOf(ev.cdhash.data(), ev.cdhash.size());
+   fprintf(stderr, "%s: identifier %s, cdhash %s, signed by %s, anchor %s\n", path,
+           ev.cd.identifier.c_str(), cdhash.c_str(), SubjectOf(ev.chain[0].get()).c_str(),
+           ev.vendorAnchor ? "a vendor root" : "the admin store");
+   if (objs.kind == CodeKind::File) {
+      fprintf(stderr, "%s: content of %llu bytes, sha256 %s\n", path,
+              static_cast<unsigned long long>(ev.cd.contentSize),
+              HexOf(ev.cd.contentHash.data(), ev.cd.contentHash.size()).c_str());
+      return;
+   }
+   Seal seal;
+   ParseCodeResources(objs.resources, &seal);  // parsed once already by the check
+   for (const auto &[rel, e] : seal) {
+      if (e.isLink) {
+         fprintf(stderr, "%s: sealed %s -> %s\n", path, rel.c_str(), e.target.c_str());
+      } else {
+         fprintf(stderr, "%s: sealed %s sha256 %s\n", path, rel.c_str(),
+                 HexOf(e.hash.data(), e.hash.size()).c_str());
+      }
+   }
+}
+
+int VerifyOne(const Requirement *req, int verbosity, const char *path) {
    UniqueFd fd;
+   SignatureObjects objs;
    Evidence ev;
-   int rc = Check(path, &fd, &ev);
+   int rc = Check(path, &fd, &objs, &ev);
    if (rc != kOk) {
       return rc;
    }
-   if (req && !EvaluateRequirement(*req, ev)) {
+   rc = req && !EvaluateRequirement(*req, ev) ? kUnsatisfied : kOk;
+   if (rc == kUnsatisfied) {
       fprintf(stderr, "%s: valid, but does not satisfy the requirement\n", path);
-      return kUnsatisfied;
+   } else {
+      fprintf(stderr, "%s: valid%s\n", path, req ? " and satisfies the requirement" : "");
    }
-   fprintf(stderr, "%s: valid%s\n", path, req ? " and satisfies the requirement" : "");
-   return kOk;
+   if (verbosity > 1) {
+      Detail(path, objs, ev);
+   }
+   return rc;
 }
 
 int DisplayOne(const char *path) {
    UniqueFd fd;
+   SignatureObjects objs;
    Evidence ev;
-   int rc = Check(path, &fd, &ev);
+   int rc = Check(path, &fd, &objs, &ev);
    if (rc != kOk) {
       return rc;
    }
@@ -149,48 +197,119 @@ int RemoveOne(const char *path) {
    UniqueFd fd(OpenCode(path));
    std::string error;
    if (!fd) {
-      return Complain(path, std::string("cannot open: ") + strerror(errno));
+      return CannotOpen(path);
    }
    return RemoveSignature(fd.get(), &error) ? kOk : Complain(path, error);
+}
+
+// Writes data to file, or to standard output for "-".
+int WriteDetached(const char *file, const std::string &data) {
+   const bool toStdout = strcmp(file, "-") == 0;
+   FILE *out = toStdout ? stdout : fopen(file, "we");
+   if (out == nullptr) {
+      return Complain(file, std::string("cannot create: ") + strerror(errno));
+   }
+   bool ok = fwrite(data.data(), 1, data.size(), out) == data.size();
+   int error = errno;
+   if ((toStdout ? fflush(out) : fclose(out)) != 0 && ok) {
+      ok = false;
+      error = errno;
+   }
+   return ok ? kOk : Complain(toStdout ? "standard output" : file,
+                              std::string("cannot write: ") + strerror(error));
 }
 
 int Detached(const Options &o, const char *path) {
    UniqueFd fd(OpenCode(path));
    std::string error, data;
    if (!fd) {
-      return Complain(path, std::string("cannot open: ") + strerror(errno));
+      return CannotOpen(path);
    }
    if (o.mode == Mode::Export) {
       if (!ExportDetached(fd.get(), &data, &error)) {
          return Complain(path, error);
       }
-      FILE *out = fopen(o.detached, "we");
-      bool ok = out && fwrite(data.data(), 1, data.size(), out) == data.size();
-      ok = (out && fclose(out) == 0) && ok;
-      return ok ? kOk : Complain(o.detached, strerror(errno));
+      return WriteDetached(o.detached, data);
    }
    SignatureObjects existing;
    if (!o.force && ReadSignatureObjects(fd.get(), &existing) == ReadStatus::Ok) {
       return Complain(path, "is already signed (use -f to replace the signature)");
    }
-   UniqueFd in(open(o.detached, O_RDONLY | O_CLOEXEC));
+   UniqueFd in(open(o.detached, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
    char buf[4096];
    ssize_t n = 0;
    while (in && data.size() <= 64 * 1024 && (n = read(in.get(), buf, sizeof buf)) > 0) {
       data.append(buf, static_cast<size_t>(n));
    }
    if (!in || n < 0) {
-      return Complain(o.detached, strerror(errno));
+      return Complain(o.detached, std::string("cannot read: ") + strerror(errno));
    }
    return AttachDetached(fd.get(), data, &error) ? kOk : Complain(path, error);
 }
 
 bool SetMode(Options *o, Mode m) {
-   if (o->mode != Mode::None) {
+   if (o->mode != Mode::None && o->mode != m) {
       return false;
    }
    o->mode = m;
    return true;
+}
+
+// Options without a short form, numbered past every character.
+enum LongOnly { kRemoveOpt = 256, kExportOpt, kAttachOpt, kVersionOpt };
+constexpr char kShortOptions[] = ":s:i:fvR:dh";
+
+// The long option (up to any "=") that getopt just consumed.
+std::string LongOptionText(char **argv) {
+   std::string text(argv[optind - 1]);
+   return text.substr(0, text.find('='));
+}
+
+// What getopt refused ('?' or ':'), in the user's own spelling. getopt has
+// moved past a long option, and past a short one that lacks its argument
+// (which always ends its word), so those are argv[optind - 1].
+std::string Refused(int c, char **argv) {
+   const bool known =
+      optopt >= 256 || (optopt > 0 && optopt != ':' && strchr(kShortOptions + 1, optopt));
+   if (c == ':') {
+      const std::string opt = strncmp(argv[optind - 1], "--", 2) == 0
+                                 ? LongOptionText(argv)
+                                 : std::string("-") + static_cast<char>(optopt);
+      return opt + " needs an argument";
+   }
+   if (optopt == 0) {
+      return "unknown option " + LongOptionText(argv);
+   }
+   if (known) {
+      return LongOptionText(argv) + " takes no argument";
+   }
+   return std::string("unknown option -") + static_cast<char>(optopt);
+}
+
+// What is wrong with a complete command line, or null when nothing is.
+const char *Misuse(const Options &o, int nPaths) {
+   if (o.requirement && o.mode != Mode::Verify) {
+      return "-R needs -v";
+   }
+   if (o.identifier && o.mode != Mode::Sign) {
+      return "-i needs -s";
+   }
+   if (o.force && o.mode != Mode::Sign && o.mode != Mode::Attach) {
+      return "-f needs -s or --attach";
+   }
+   if (o.mode == Mode::None) {
+      return "no mode given: one of -s, -v, -d, --remove-signature, --export, --attach";
+   }
+   if (nPaths < 1) {
+      return "no path given";
+   }
+   bool onePath = o.mode == Mode::Display || o.mode == Mode::Export || o.mode == Mode::Attach;
+   if (onePath && nPaths != 1) {
+      return o.mode == Mode::Display  ? "-d takes one path"
+             : o.mode == Mode::Export ? "--export takes one path"
+                                      : "--attach takes one path";
+   }
+   return nullptr;
 }
 
 }  // namespace
@@ -203,36 +322,54 @@ int main(int argc, char **argv) {
       {"verify", no_argument, nullptr, 'v'},
       {"requirement", required_argument, nullptr, 'R'},
       {"display", no_argument, nullptr, 'd'},
-      {"remove-signature", no_argument, nullptr, 'r'},
-      {"export", required_argument, nullptr, 'e'},
-      {"attach", required_argument, nullptr, 'a'},
+      {"remove-signature", no_argument, nullptr, kRemoveOpt},
+      {"export", required_argument, nullptr, kExportOpt},
+      {"attach", required_argument, nullptr, kAttachOpt},
       {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, kVersionOpt},
       {nullptr, 0, nullptr, 0},
    };
    Options o;
    int c;
-   bool ok = true;
-   while (ok && (c = getopt_long(argc, argv, "s:i:fvR:d", kLong, nullptr)) != -1) {
+   opterr = 0;  // our own messages, without the program's path
+   while ((c = getopt_long(argc, argv, kShortOptions, kLong, nullptr)) != -1) {
+      bool ok = true;
+      const char *twice = nullptr;
       switch (c) {
-      case 's': ok = SetMode(&o, Mode::Sign); o.identity = optarg; break;
+      case 's':
+         ok = SetMode(&o, Mode::Sign);
+         twice = o.identity ? "-s given twice" : nullptr;
+         o.identity = optarg;
+         break;
       case 'i': o.identifier = optarg; break;
       case 'f': o.force = true; break;
-      case 'v': ok = SetMode(&o, Mode::Verify); break;
+      case 'v': ok = SetMode(&o, Mode::Verify); o.verbosity++; break;
       case 'R': o.requirement = optarg; break;
       case 'd': ok = SetMode(&o, Mode::Display); break;
-      case 'r': ok = SetMode(&o, Mode::Remove); break;
-      case 'e': ok = SetMode(&o, Mode::Export); o.detached = optarg; break;
-      case 'a': ok = SetMode(&o, Mode::Attach); o.detached = optarg; break;
-      default: ok = false; break;
+      case kRemoveOpt: ok = SetMode(&o, Mode::Remove); break;
+      case kExportOpt:
+      case kAttachOpt:
+         ok = SetMode(&o, c == kExportOpt ? Mode::Export : Mode::Attach);
+         twice = o.detached ? (c == kExportOpt ? "--export given twice" : "--attach given twice")
+                            : nullptr;
+         o.detached = optarg;
+         break;
+      case 'h': fputs(kUsageText, stdout); return fflush(stdout) == 0 ? kOk : kInvalid;
+      case kVersionOpt:
+         printf("halcyx-sign %s\n", HALCYX_VERSION);
+         return fflush(stdout) == 0 ? kOk : kInvalid;
+      default: return Usage(Refused(c, argv));
+      }
+      if (!ok) {
+         return Usage("one mode at a time");
+      }
+      if (twice) {
+         return Usage(twice);
       }
    }
-   int nPaths = argc - optind;
-   bool onePath = o.mode == Mode::Display || o.mode == Mode::Export || o.mode == Mode::Attach;
-   if (!ok || o.mode == Mode::None || nPaths < 1 || (onePath && nPaths != 1) ||
-       (o.requirement && o.mode != Mode::Verify) ||
-       (o.identifier && o.mode != Mode::Sign) ||
-       (o.force && o.mode != Mode::Sign && o.mode != Mode::Attach)) {
-      return Usage();
+   const int nPaths = argc - optind;
+   if (const char *what = Misuse(o, nPaths)) {
+      return Usage(what);
    }
 
    Requirement req;
@@ -241,8 +378,7 @@ int main(int argc, char **argv) {
       const char *text = o.requirement[0] == '=' ? o.requirement + 1 : o.requirement;
       std::string error;
       if (!ParseRequirement(text, &req, &error)) {
-         fprintf(stderr, "halcyx-sign: requirement: %s\n", error.c_str());
-         return kUsage;
+         return Usage("requirement: " + error);
       }
    }
    Identity id;
@@ -259,7 +395,7 @@ int main(int argc, char **argv) {
       int rc = kOk;
       switch (o.mode) {
       case Mode::Sign: rc = SignOne(o, id, argv[i]); break;
-      case Mode::Verify: rc = VerifyOne(o.requirement ? &req : nullptr, argv[i]); break;
+      case Mode::Verify: rc = VerifyOne(o.requirement ? &req : nullptr, o.verbosity, argv[i]); break;
       case Mode::Display: rc = DisplayOne(argv[i]); break;
       case Mode::Remove: rc = RemoveOne(argv[i]); break;
       case Mode::Export:
