@@ -25,6 +25,13 @@
  *   liveness token) until its writer is gone, and logs what it got;
  * - notices the watch pipe's end-of-file: the opener that started it has
  *   finished.
+ *
+ * A service manager may own the socket instead (socket activation): started
+ * with no arguments, the daemon takes the one listening Unix stream socket
+ * passed as descriptor 3 under LISTEN_FDS=1 and LISTEN_PID=<its own pid>,
+ * and serves callers exactly as above. There is no watch pipe then and no
+ * opener to outlive: the daemon runs until the service manager stops it,
+ * and the liveness pipes it keeps close with it.
  * A caller that stalls in the protocol holds up nobody else, and is dropped
  * after a few seconds.
  */
@@ -95,6 +102,58 @@ bool IsListeningSocket(int fd) {
    int listening = 0;
    socklen_t size = sizeof listening;
    return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening;
+}
+
+// A listening AF_UNIX stream socket, as the opener hands over.
+bool IsUnixListeningSocket(int fd) {
+   int domain = 0;
+   int type = 0;
+   socklen_t size = sizeof domain;
+   if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_UNIX) {
+      return false;
+   }
+   size = sizeof type;
+   return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM &&
+          IsListeningSocket(fd);
+}
+
+/*
+ * The listening socket a service manager passed (descriptor 3), or -1 with
+ * the reason logged. Accepted only when LISTEN_PID names this process (the
+ * variables may have been meant for a parent that exec'd us without
+ * clearing them), LISTEN_FDS is exactly 1 and descriptor 3 is a listening
+ * Unix stream socket. The variables are removed whatever the outcome, so
+ * nothing this daemon might start takes them for its own; the socket
+ * becomes close-on-exec. Single-threaded here: unsetenv is safe.
+ */
+int ActivationSocket() {
+   constexpr int kFirstPassedFd = 3;
+   const char *pidText = getenv("LISTEN_PID");
+   const char *fdsText = getenv("LISTEN_FDS");
+   const int pid = pidText != nullptr ? ParseFd(pidText) : -1;
+   const int count = fdsText != nullptr ? ParseFd(fdsText) : -1;
+   unsetenv("LISTEN_PID");
+   unsetenv("LISTEN_FDS");
+   unsetenv("LISTEN_FDNAMES");
+   if (pid < 0 || count < 0) {
+      Warning("%s: expects a listening socket and a pipe's read end as arguments, or one "
+              "listening socket from the service manager.\n", kTag);
+      return -1;
+   }
+   if (pid != getpid()) {
+      Warning("%s: the passed socket is meant for pid %d, not this process.\n", kTag, pid);
+      return -1;
+   }
+   if (count != 1) {
+      Warning("%s: expects exactly one passed socket, got %d.\n", kTag, count);
+      return -1;
+   }
+   if (!IsUnixListeningSocket(kFirstPassedFd)) {
+      Warning("%s: descriptor %d is not a listening Unix stream socket.\n", kTag,
+              kFirstPassedFd);
+      return -1;
+   }
+   return kFirstPassedFd;
 }
 
 bool IsPipe(int fd) {
@@ -381,18 +440,31 @@ bool Drained(int fd) {
 }  // namespace
 
 int main(int argc, char **argv) {
-   int listenFd = argc == 3 ? ParseFd(argv[1]) : -1;
-   int watchFd = argc == 3 ? ParseFd(argv[2]) : -1;
-   if (listenFd < 0 || watchFd < 0 || !IsListeningSocket(listenFd) || !IsPipe(watchFd)) {
-      Warning("%s: expects a listening socket and a pipe's read end as arguments.\n", kTag);
-      return 1;
+   int listenFd = -1;
+   // -1 under socket activation: poll ignores it, and nothing ends the loop
+   // but the service manager's signal.
+   int watchFd = -1;
+   if (argc == 1) {
+      listenFd = ActivationSocket();
+      if (listenFd < 0) {
+         return 1;
+      }
+   } else {
+      listenFd = argc == 3 ? ParseFd(argv[1]) : -1;
+      watchFd = argc == 3 ? ParseFd(argv[2]) : -1;
+      if (listenFd < 0 || watchFd < 0 || !IsListeningSocket(listenFd) || !IsPipe(watchFd)) {
+         Warning("%s: expects a listening socket and a pipe's read end as arguments.\n", kTag);
+         return 1;
+      }
    }
    // Nothing this daemon starts may inherit them. Only this daemon holds
    // the listening socket now; non-blocking, so that taking every queued
    // connection ends when the queue is empty.
    fcntl(listenFd, F_SETFD, FD_CLOEXEC);
    fcntl(listenFd, F_SETFL, fcntl(listenFd, F_GETFL) | O_NONBLOCK);
-   fcntl(watchFd, F_SETFD, FD_CLOEXEC);
+   if (watchFd >= 0) {
+      fcntl(watchFd, F_SETFD, FD_CLOEXEC);
+   }
    // A caller's pipe whose reader is gone must give EPIPE, not kill us.
    signal(SIGPIPE, SIG_IGN);
    // Root's own first, so that the log is too and can tell what follows.
@@ -405,7 +477,12 @@ int main(int argc, char **argv) {
       Warning("%s: cannot set up, errno %d.\n", kTag, errno);
       return 1;
    }
-   Log("%s: started, pid %d.\n", kTag, static_cast<int>(getpid()));
+   if (watchFd >= 0) {
+      Log("%s: started, pid %d.\n", kTag, static_cast<int>(getpid()));
+   } else {
+      Log("%s: started by the service manager, pid %d; runs until stopped.\n", kTag,
+          static_cast<int>(getpid()));
+   }
    // The opener listened with a backlog of 0, and every opener connects
    // while it holds the rendezvous lock: with one queued connection at a
    // time, a crowd of openers would pass the lock on one by one, each
