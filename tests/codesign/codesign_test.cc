@@ -31,9 +31,7 @@ namespace {
 
 std::string Slurp(const std::string &path) {
    std::ifstream in(path, std::ios::binary);
-   std::stringstream ss;
-   ss << in.rdbuf();
-   return ss.str();
+   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void Spit(const std::string &path, const std::string &data) {
@@ -70,29 +68,26 @@ protected:
       pkiDir_ = tmpl;
       const std::string pki = std::string(HALCYX_PKI_SCRIPT) + " ";
       const std::string root = "/O=Zorvex, Inc./CN=Zorvex Root CA";
+      // Kind, name, subject (the vendor root's when empty), issuer and usage.
       const char *steps[][4] = {
-         {"root", "vroot", "", ""},
+         {"root", "vroot", "", ""}, {"root", "attacker", "", ""}, {"root", "admin", "/CN=Site Admin Root", ""},
          {"inter", "vinter", "/O=Zorvex, Inc./CN=Zorvex Signing CA", "vroot"},
+         {"inter", "ainter", "/O=Zorvex, Inc./CN=Zorvex Signing CA", "attacker"},
+         {"inter", "tlsinter", "/CN=Zorvex TLS CA", "vroot serverAuth"},
          {"leaf", "zorvex", "/O=Zorvex, Inc./CN=Zorvex, Inc.", "vinter"},
          {"leaf", "tarnwick", "/CN=Tarnwick Wireless LLC", "vinter"},
          {"leaf", "contains", "/CN=Build Service of Zorvex, Inc. Europe", "vinter"},
          {"leaf", "third", "/CN=Quillon Systems Ltd", "vinter"},
          {"leaf", "subleaf", "/CN=Zorvex, Inc.", "zorvex"},  // issued by a non-CA
-         {"root", "attacker", "", ""},
-         {"inter", "ainter", "/O=Zorvex, Inc./CN=Zorvex Signing CA", "attacker"},
          {"leaf", "aleaf", "/O=Zorvex, Inc./CN=Zorvex, Inc.", "ainter"},
-         {"root", "admin", "/CN=Site Admin Root", ""},
-         {"leaf", "adminleaf", "/CN=Zorvex, Inc.", "admin"},
+         {"leaf", "adminleaf", "/CN=Zorvex, Inc.", "admin"}, {"leaf", "tlsleaf", "/CN=Zorvex, Inc.", "tlsinter"},
+         {"leaf", "noeku", "/CN=Zorvex, Inc.", "vinter serverAuth"},
+         {"leaf", "twocn", "/CN=Quillon Systems Ltd/CN=Zorvex, Inc.", "vinter"},
       };
       for (const auto &s : steps) {
-         std::string subject = s[2][0] ? s[2] : root;
-         std::string cmd = pki + s[0] + " " + pkiDir_ + " " + s[1] + " '" + subject + "' " + s[3];
+         std::string cmd = pki + s[0] + " " + pkiDir_ + " " + s[1] + " '" + (s[2][0] ? s[2] : root) + "' " + s[3];
          ASSERT_EQ(Shell(cmd), 0) << cmd;
       }
-      ASSERT_EQ(Shell(pki + "leaf " + pkiDir_ + " noeku '/CN=Zorvex, Inc.' vinter serverAuth"), 0);
-      ASSERT_EQ(Shell(pki + "leaf " + pkiDir_ + " twocn '/CN=Quillon Systems Ltd/CN=Zorvex, Inc.' vinter"), 0);
-      ASSERT_EQ(Shell(pki + "inter " + pkiDir_ + " tlsinter '/CN=Zorvex TLS CA' vroot serverAuth"), 0);
-      ASSERT_EQ(Shell(pki + "leaf " + pkiDir_ + " tlsleaf '/CN=Zorvex, Inc.' tlsinter"), 0);
       const std::string der = DerOf(pkiDir_ + "/vroot.pem");
       ASSERT_TRUE(AddVendorRoot(&policy_, der, Sha256(der.data(), der.size())));
       policy_.adminStore = pkiDir_ + "/store";
@@ -140,9 +135,7 @@ protected:
    std::string MakeFile(const std::string &name, size_t size = 4096) {
       std::string path = work_ + "/" + name;
       std::string data(size, '\0');
-      for (size_t i = 0; i < size; i++) {
-         data[i] = static_cast<char>(i * 131 + 7);
-      }
+      for (size_t i = 0; i < size; i++) data[i] = static_cast<char>(i * 131 + 7);
       Spit(path, data);
       return path;
    }
@@ -175,13 +168,7 @@ std::string Codesign::pkiDir_;
 TrustPolicy Codesign::policy_;
 
 TEST_F(Codesign, FileVerdicts) {
-   struct Case {
-      const char *what;
-      const char *leaf;
-      const char *checkedId;
-      void (*spoil)(const std::string &path);
-      int code;
-   } cases[] = {
+   struct Case { const char *what, *leaf, *checkedId; void (*spoil)(const std::string &); int code; } cases[] = {
       {"first organisation", "zorvex", "com.zorvex.tool", nullptr, 0},
       {"second organisation", "tarnwick", "com.zorvex.tool", nullptr, 0},
       {"name merely contained", "contains", "com.zorvex.tool", nullptr, 0},
@@ -192,10 +179,8 @@ TEST_F(Codesign, FileVerdicts) {
       {"issuer is not a CA", "subleaf", "com.zorvex.tool", nullptr, 7},
       {"issuer restricted to TLS", "tlsleaf", "com.zorvex.tool", nullptr, 7},
       {"one byte of content changed", "zorvex", "com.zorvex.tool",
-       [](const std::string &p) {
-          UniqueFd fd(open(p.c_str(), O_WRONLY));
-          ASSERT_EQ(pwrite(fd.get(), "!", 1, 100), 1);
-       }, 7},
+       [](const std::string &p) { ASSERT_EQ(pwrite(UniqueFd(open(p.c_str(), O_WRONLY)).get(), "!", 1, 100), 1); },
+       7},
       {"code directory changed", "zorvex", "com.zorvex.tool",
        [](const std::string &p) {
           char cd[2048];
@@ -212,9 +197,7 @@ TEST_F(Codesign, FileVerdicts) {
    for (const Case &c : cases) {
       std::string path = MakeFile("tool");
       SignWith(path, c.leaf, "com.zorvex.tool");
-      if (c.spoil) {
-         c.spoil(path);
-      }
+      if (c.spoil) c.spoil(path);
       EXPECT_EQ(Verify(path, c.checkedId), c.code) << c.what;
       unlink(path.c_str());
    }
@@ -225,19 +208,11 @@ TEST_F(Codesign, PathAndIdentifierCodes) {
    SignWith(path, "zorvex", "com.zorvex.tool");
    ASSERT_EQ(symlink(path.c_str(), (work_ + "/link").c_str()), 0);
    ASSERT_EQ(mkfifo((work_ + "/fifo").c_str(), 0600), 0);
-   struct {
-      std::string path;
-      const char *identifier;
-      int code;
-   } cases[] = {
-      {"/no\xff-utf8", "com.zorvex.tool", 1},
-      {"", "com.zorvex.tool", 2},
-      {std::string(5000, 'a'), "com.zorvex.tool", 2},
-      {work_ + "/missing", "com.zorvex.tool", 3},
-      {work_ + "/link", "com.zorvex.tool", 3},
-      {work_ + "/fifo", "com.zorvex.tool", 3},
-      {MakeFile("unsigned"), "com.zorvex.tool", 7},
-      {path + "/", "com.zorvex.tool", 3},
+   struct { std::string path; const char *identifier; int code; } cases[] = {
+      {"/no\xff-utf8", "com.zorvex.tool", 1}, {"", "com.zorvex.tool", 2},
+      {std::string(5000, 'a'), "com.zorvex.tool", 2}, {work_ + "/missing", "com.zorvex.tool", 3},
+      {work_ + "/link", "com.zorvex.tool", 3}, {work_ + "/fifo", "com.zorvex.tool", 3},
+      {MakeFile("unsigned"), "com.zorvex.tool", 7}, {path + "/", "com.zorvex.tool", 3},
       {path, "com.zorvex.tool\" or identifier \"x", 5},
       {path, "line\nbreak", 5},
       {path, "com.zorvex.tool\xc2\x85", 5},  // NEL, a C1 control
@@ -249,14 +224,9 @@ TEST_F(Codesign, PathAndIdentifierCodes) {
 }
 
 TEST_F(Codesign, BundleVerdicts) {
-   struct Case {
-      const char *what;
-      const char *leaf;
-      const char *spoil;  // shell command run in the bundle directory
-      int code;
-   } cases[] = {
-      {"first organisation", "zorvex", nullptr, 0},
-      {"second organisation", "tarnwick", nullptr, 0},
+   // Each spoil is a shell command run in the bundle directory.
+   struct Case { const char *what, *leaf, *spoil; int code; } cases[] = {
+      {"first organisation", "zorvex", nullptr, 0}, {"second organisation", "tarnwick", nullptr, 0},
       {"third organisation", "third", nullptr, 7},
       {"unsealed extra file", "zorvex", "echo x > Contents/Resources/extra", 7},
       {"sealed file removed", "zorvex", "rm Contents/Resources/data.bin", 7},
@@ -269,8 +239,7 @@ TEST_F(Codesign, BundleVerdicts) {
       {"file beside the signature", "zorvex", "echo x > Contents/_CodeSignature/notes", 7},
       {"FIFO beside the signature", "zorvex", "mkfifo Contents/_CodeSignature/pipe", 7},
       {"link beside the signature", "zorvex", "ln -s ../Info.plist Contents/_CodeSignature/i", 7},
-      {"set-user-ID signature object", "zorvex", "chmod u+s Contents/_CodeSignature/CodeDirectory",
-       7},
+      {"set-user-ID signature object", "zorvex", "chmod u+s Contents/_CodeSignature/CodeDirectory", 7},
    };
    for (const Case &c : cases) {
       std::string b = MakeBundle("App.bundle", "com.zorvex.app");
@@ -335,13 +304,9 @@ TEST_F(Codesign, RequirementEvaluation) {
    ASSERT_TRUE(CheckSignature(fd.get(), objs, policy_, &ev, &error)) << error;
    const std::string cdhash = HexOf(ev.cdhash.data(), 32);
    const std::string root = HexOf(policy_.pinnedSha256[0].data(), 32);
-   struct {
-      std::string text;
-      bool holds;
-   } cases[] = {
+   struct { std::string text; bool holds; } cases[] = {
       {"identifier \"com.zorvex.app\" and anchor apple generic and anchor trusted", true},
-      {"identifier com.zorvex", false},
-      {"cdhash H\"" + cdhash + "\"", true},
+      {"identifier com.zorvex", false}, {"cdhash H\"" + cdhash + "\"", true},
       {"cdhash H\"" + std::string(64, '0') + "\"", false},
       {"anchor = H\"" + root + "\" and cert root = H\"" + root + "\" and cert -1 trusted", true},
       {"cert leaf trusted or cert 1 trusted", false},
@@ -384,9 +349,7 @@ TEST_F(Codesign, DescriptorCoversTheBytesReadFromIt) {
    std::string copied;
    char buf[8192];
    ssize_t n;
-   while ((n = read(fd.get(), buf, sizeof buf)) > 0) {
-      copied.append(buf, static_cast<size_t>(n));
-   }
+   while ((n = read(fd.get(), buf, sizeof buf)) > 0) copied.append(buf, static_cast<size_t>(n));
    EXPECT_EQ(copied, original);
    EXPECT_EQ(VerifyFdWithPolicy(fd.get(), "com.zorvex.tool", policy_), 0);
    EXPECT_EQ(Verify(path, "com.zorvex.tool"), 7);  // the replacement is unsigned
@@ -403,9 +366,7 @@ TEST_F(Codesign, DescriptorCoversTheBytesReadFromIt) {
 // Large files that only root can change are hashed from a mapping, others
 // are read: both ways must see every byte, the last one included.
 TEST_F(Codesign, LargeFilesHashedEitherWay) {
-   if (geteuid() != 0) {
-      GTEST_SKIP() << "needs root to give the file to another owner";
-   }
+   if (geteuid() != 0) GTEST_SKIP() << "needs root to give the file to another owner";
    for (uid_t owner : {uid_t{0}, uid_t{65534}}) {
       for (bool spoil : {false, true}) {
          std::string path = MakeFile("large", 3 * 1024 * 1024 + 5);
@@ -444,10 +405,7 @@ TEST_F(Codesign, CheapChecksBeforeHashing) {
 // A link is judged by where the kernel would take it, following the links
 // on its way: one that stays inside on paper may leave through another.
 TEST_F(Codesign, LinksResolvedAsTheKernelDoes) {
-   struct {
-      const char *link, *target;
-      bool inside;
-   } cases[] = {
+   struct { const char *link, *target; bool inside; } cases[] = {
       {"Contents/escape", "up/../outside", false},      // up -> .. is the bundle directory
       {"Contents/deeper", "up/Contents/up/../..", false},
       {"Contents/info", "up/Contents/Info.plist", true},
@@ -478,9 +436,7 @@ TEST_F(Codesign, DescriptorOffsetAndRootOnly) {
    ASSERT_EQ(VerifyFdWithPolicy(dir.get(), "com.zorvex.app", policy_), 0);
    EXPECT_EQ(lseek(dir.get(), 0, SEEK_CUR), 0);
 
-   if (geteuid() != 0) {
-      GTEST_SKIP() << "needs root to give files to root and to others";
-   }
+   if (geteuid() != 0) GTEST_SKIP() << "needs root to give files to root and to others";
    std::string file = MakeFile("tool");
    SignWith(file, "zorvex", "com.zorvex.tool");
    UniqueFd probe(open(file.c_str(), O_RDONLY));
@@ -489,12 +445,8 @@ TEST_F(Codesign, DescriptorOffsetAndRootOnly) {
    if (!OnlyRootCanWrite(probe.get(), st)) {
       GTEST_SKIP() << "the temporary directory is not on a local file system known to this check";
    }
-   struct {
-      const char *what;
-      std::string path, setup;  // setup runs on a tree owned by root, 0755/0644
-      const char *identifier;
-      int code;
-   } cases[] = {
+   // Each setup runs on a tree owned by root, 0755/0644.
+   struct { const char *what; std::string path, setup; const char *identifier; int code; } cases[] = {
       {"root's file", file, "true", "com.zorvex.tool", 0},
       {"file of another user", file, "chown 65534 " + file, "com.zorvex.tool", 7},
       {"group-writable file", file, "chmod g+w " + file, "com.zorvex.tool", 7},
@@ -529,13 +481,9 @@ std::string RootOnlyStore() {
 }
 
 TEST_F(Codesign, AdminStoreAddsAnchorsOnlyWhenRootOnly) {
-   if (geteuid() != 0) {
-      GTEST_SKIP() << "needs root to own and chown the store";
-   }
+   if (geteuid() != 0) GTEST_SKIP() << "needs root to own and chown the store";
    const std::string store = RootOnlyStore();
-   if (store.empty()) {
-      GTEST_SKIP() << "no private mount namespace for a root-only store";
-   }
+   if (store.empty()) GTEST_SKIP() << "no private mount namespace for a root-only store";
    TrustPolicy policy = policy_;
    policy.adminStore = store;
    std::string path = MakeFile("tool");
@@ -554,11 +502,7 @@ TEST_F(Codesign, AdminStoreAddsAnchorsOnlyWhenRootOnly) {
              CheckSignature(fd.get(), objs, p, &ev, &why) && EvaluateRequirement(trusted, ev);
    };
    ASSERT_EQ(Shell("cp " + Pki("admin.pem") + " " + Pki("attacker.pem") + " " + store), 0);
-   struct {
-      const char *what;
-      const char *setup;
-      bool trusted;
-   } cases[] = {
+   struct { const char *what; const char *setup; bool trusted; } cases[] = {
       {"root-owned store", "true", true},
       {"group-writable store", "chmod 775 '%s'", false},
       {"store owned by another user", "chown 65534 '%s'", false},
@@ -590,20 +534,14 @@ TEST_F(Codesign, AdminStoreAddsAnchorsOnlyWhenRootOnly) {
 TEST_F(Codesign, ToolExitStatusAndDetachedForm) {
    const std::string tool = HALCYX_SIGN_TOOL;
    const std::string devDir = HALCYX_DEV_SIGNING_DIR;
-   if (devDir.empty()) {
-      GTEST_SKIP() << "built with vendor roots: no development identity to sign with";
-   }
+   if (devDir.empty()) GTEST_SKIP() << "built with vendor roots: no development identity to sign with";
    std::string path = MakeFile("tool");
    std::string other = MakeFile("other", 4095);
    std::string id = devDir + "/developer.identity.pem";
    ASSERT_EQ(Shell("cp " + devDir + "/developer.chain.pem " + work_ + "/split.pem && cp " + devDir +
                    "/developer.key " + work_ + "/split.key"), 0);
-   struct {
-      std::string args;
-      int status;
-   } steps[] = {
-      {"-v " + path, 1},
-      {"-s " + id + " -i com.zorvex.tool " + path, 0},
+   struct { std::string args; int status; } steps[] = {
+      {"-v " + path, 1}, {"-s " + id + " -i com.zorvex.tool " + path, 0},
       {"-s " + id + " " + path, 1},  // already signed, no -f
       {"-s " + id + " -f -i com.zorvex.tool " + path, 0},
       {"-v " + path, 0},
@@ -614,17 +552,14 @@ TEST_F(Codesign, ToolExitStatusAndDetachedForm) {
       {"--export " + path + ".sig " + path, 0},
       {"--attach " + path + ".sig " + path, 1},  // already signed, no -f
       {"--attach " + path + ".sig " + other, 1},  // made for other content
-      {"--remove-signature " + path, 0},
-      {"-v " + path, 1},
-      {"--attach " + path + ".sig " + path, 0},
-      {"-v " + path, 0},
+      {"--remove-signature " + path, 0}, {"-v " + path, 1},
+      {"--attach " + path + ".sig " + path, 0}, {"-v " + path, 0},
       {"--attach " + path + ".sig -f " + path, 0},
       {"-s " + Pki("noeku.identity.pem") + " -f " + path, 1},
       {"-s " + work_ + "/split.pem -f -i com.zorvex.tool " + path, 0},  // key in split.key
       {"-v " + path, 0},
       {"-s " + devDir + "/developer.chain.pem -f " + path, 1},  // no key in it or beside it
-      {"-v -d " + path, 2},
-      {"", 2},
+      {"-v -d " + path, 2}, {"", 2},
    };
    for (const auto &s : steps) {
       std::string cmd = tool + " " + s.args + " 2>/dev/null";
@@ -638,9 +573,7 @@ TEST_F(Codesign, ToolExitStatusAndDetachedForm) {
 TEST_F(Codesign, ToolManners) {
    const std::string tool = HALCYX_SIGN_TOOL;
    const std::string devDir = HALCYX_DEV_SIGNING_DIR;
-   if (devDir.empty()) {
-      GTEST_SKIP() << "built with vendor roots: no development identity to sign with";
-   }
+   if (devDir.empty()) GTEST_SKIP() << "built with vendor roots: no development identity to sign with";
    const std::string id = devDir + "/developer.identity.pem";
    const std::string file = MakeFile("tool");
    ASSERT_EQ(Shell(tool + " -s " + id + " -i com.zorvex.tool " + file + " 2>/dev/null"), 0);
@@ -663,12 +596,7 @@ TEST_F(Codesign, ToolManners) {
       ASSERT_TRUE(ExportDetached(fd.get(), &exported, &error)) << error;
    }
    const std::string unsealed = ": invalid signature: the bundle's files do not match its seal: ";
-   struct {
-      std::string args;
-      int status;
-      bool onStdout;
-      std::string text;
-   } cases[] = {
+   struct { std::string args; int status; bool onStdout; std::string text; } cases[] = {
       {"--help", 0, true, "usage: halcyx-sign -s IDENTITY"},
       {"-h", 0, true, "usage: halcyx-sign -s IDENTITY"},
       {"--version", 0, true, "halcyx-sign " HALCYX_VERSION "\n"},
