@@ -11,6 +11,7 @@
 
 #include "child.h"
 #include "file.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -109,49 +110,41 @@ TEST(PathPrefixMap, PrefixMustEndAtAComponentBoundary) {
    EXPECT_EQ(Take(File_MapPathPrefix("/abc/x", oldOnes, newOnes, 0)), "(null)");
 }
 
-class FullPath : public ::testing::Test {
+// The real directory sits behind a link, so resolution is visible.
+class FullPath : public halcyx::test::TempDirTest {
 protected:
    void SetUp() override {
-      char tmpl[] = "/tmp/halcyx-fullpath-XXXXXX";
-      ASSERT_NE(mkdtemp(tmpl), nullptr);
-      dir_ = tmpl;
-      // The real directory sits behind a link, so resolution is visible.
-      ASSERT_EQ(mkdir((dir_ + "/real").c_str(), 0700), 0);
-      ASSERT_EQ(symlink("real", (dir_ + "/link").c_str()), 0);
+      TempDirTest::SetUp();
+      ASSERT_EQ(mkdir((dir_ / "real").c_str(), 0700), 0);
+      ASSERT_EQ(symlink("real", (dir_ / "link").c_str()), 0);
+      base_ = dir_.string();
    }
-   void TearDown() override {
-      rmdir((dir_ + "/real").c_str());
-      unlink((dir_ + "/link").c_str());
-      rmdir(dir_.c_str());
-   }
-   std::string dir_;
+   std::string base_;
 };
 
 TEST_F(FullPath, KeepsWhatDoesNotExistBelowTheLongestExistingAncestor) {
-   std::string real = dir_ + "/real";
-   EXPECT_EQ(Take(File_FullPath((dir_ + "/link").c_str())), real);
-   EXPECT_EQ(Take(File_FullPath((dir_ + "/link/missing/sub//file").c_str())),
+   std::string real = base_ + "/real";
+   EXPECT_EQ(Take(File_FullPath((base_ + "/link").c_str())), real);
+   EXPECT_EQ(Take(File_FullPath((base_ + "/link/missing/sub//file").c_str())),
              real + "/missing/sub//file");
    EXPECT_EQ(Take(File_FullPath("/halcyx-missing-root//x")), "/halcyx-missing-root//x");
 
    // Relative names are taken below the current directory, in a child so
    // that the test's own directory stays.
    auto r = halcyx::test::RunInChild([&] {
-      ASSERT_EQ(chdir((dir_ + "/link").c_str()), 0);
+      ASSERT_EQ(chdir((base_ + "/link").c_str()), 0);
       EXPECT_EQ(Take(File_FullPath("missing/sub/file")), real + "/missing/sub/file");
       EXPECT_EQ(Take(File_FullPath("")), real);
       EXPECT_EQ(Take(File_FullPath(nullptr)), real);
-      EXPECT_EQ(Take(File_FullPath("..")), dir_);
-      if (::testing::Test::HasFailure()) {
-         _exit(1);
-      }
+      EXPECT_EQ(Take(File_FullPath("..")), base_);
+      if (::testing::Test::HasFailure()) _exit(1);
    });
    EXPECT_EQ(r.ExitCode(), 0) << r.out << r.err;
 }
 
 TEST_F(FullPath, DeletedCurrentDirectoryGivesNullAndSaysWhy) {
    auto r = halcyx::test::RunInChild([&] {
-      std::string gone = dir_ + "/real/gone";
+      std::string gone = base_ + "/real/gone";
       ASSERT_EQ(mkdir(gone.c_str(), 0700), 0);
       ASSERT_EQ(chdir(gone.c_str()), 0);
       ASSERT_EQ(rmdir(gone.c_str()), 0);

@@ -34,11 +34,7 @@ protected:
    std::string dir_ = tmp_.Path(""), existing_ = tmp_.Path("existing");
 };
 
-struct HookCall {
-   int calls = 0;
-   std::string path;
-   int flags = 0;
-};
+struct HookCall { int calls = 0; std::string path; int flags = 0; };
 HookCall gHook;
 
 int RecordingOpener(const char *path, int flags) {
@@ -146,9 +142,7 @@ TEST_F(Handles, FatalMisuse) {
 // Without a hook, a privileged open raises to root for the open alone.
 TEST(PrivilegedOpen, SuperUserOnlyForTheOpen) {
    halcyx::test::SetuidInstall install(PROBE_PATH, SCRATCH_DIR);
-   if (install.Path().empty()) {
-      GTEST_SKIP() << "needs root and a file system that honours set-user-ID";
-   }
+   if (install.Path().empty()) GTEST_SKIP() << "needs root and a file system that honours set-user-ID";
    std::string secret = install.Dir() + "/root-only";
    std::ofstream(secret) << "s";
    ASSERT_EQ(chmod(secret.c_str(), 0600), 0);
@@ -171,8 +165,7 @@ TEST(HandleMessages, TextsOfResults) {
 
 TEST_F(Handles, AdvisoryLockIsHeldWhileOpen) {
    FileIODescriptor fd;
-   ASSERT_EQ(FileIO_Open(&fd, existing_.c_str(), FILEIO_ACCESS_READ_WRITE | FILEIO_ACCESS_LOCK_BEST,
-                         FILEIO_ACTION_OPEN),
+   ASSERT_EQ(FileIO_Open(&fd, existing_.c_str(), FILEIO_ACCESS_READ_WRITE | FILEIO_ACCESS_LOCK_BEST, FILEIO_ACTION_OPEN),
              FILEIO_SUCCESS);
    int err;
    EXPECT_TRUE(FileLock_IsLocked(existing_.c_str(), &err, nullptr));
@@ -180,9 +173,7 @@ TEST_F(Handles, AdvisoryLockIsHeldWhileOpen) {
    // generic error, not "lock failed".
    auto r = RunInChild([&] {
       FileIODescriptor other;
-      _exit(static_cast<int>(FileIO_Open(&other, existing_.c_str(),
-                                         FILEIO_ACCESS_READ | FILEIO_ACCESS_LOCK_ADVISORY,
-                                         FILEIO_ACTION_OPEN)));
+      _exit(FileIO_Open(&other, existing_.c_str(), FILEIO_ACCESS_READ | FILEIO_ACCESS_LOCK_ADVISORY, FILEIO_ACTION_OPEN));
    });
    EXPECT_EQ(r.ExitCode(), static_cast<int>(FILEIO_ERROR)) << r.out;
    EXPECT_NE(r.out.find("FILE: FileIO_Lock on '" + existing_ + "' failed:"), std::string::npos);
@@ -192,23 +183,17 @@ TEST_F(Handles, AdvisoryLockIsHeldWhileOpen) {
 }
 
 TEST_F(Handles, DescriptorLockExcludesSecondOpen) {
+   const uint32_t locked = FILEIO_ACCESS_READ | FILEIO_ACCESS_FLOCK, nonblock = locked | FILEIO_ACCESS_NONBLOCK;
    FileIODescriptor a, b;
-   ASSERT_EQ(FileIO_Open(&a, existing_.c_str(), FILEIO_ACCESS_READ | FILEIO_ACCESS_FLOCK, FILEIO_ACTION_OPEN),
-             FILEIO_SUCCESS);
-   EXPECT_EQ(FileIO_Open(&b, existing_.c_str(),
-                         FILEIO_ACCESS_READ | FILEIO_ACCESS_FLOCK | FILEIO_ACCESS_NONBLOCK, FILEIO_ACTION_OPEN),
-             FILEIO_ERROR);
+   ASSERT_EQ(FileIO_Open(&a, existing_.c_str(), locked, FILEIO_ACTION_OPEN), FILEIO_SUCCESS);
+   EXPECT_EQ(FileIO_Open(&b, existing_.c_str(), nonblock, FILEIO_ACTION_OPEN), FILEIO_ERROR);
    EXPECT_EQ(errno, EWOULDBLOCK);
    // The lock is part of the open: its failure is told as the open's.
-   auto r = RunInChild([&] {
-      FileIO_Open(&b, existing_.c_str(), FILEIO_ACCESS_READ | FILEIO_ACCESS_FLOCK | FILEIO_ACCESS_NONBLOCK,
-                  FILEIO_ACTION_OPEN);
-   });
+   auto r = RunInChild([&] { FileIO_Open(&b, existing_.c_str(), nonblock, FILEIO_ACTION_OPEN); });
    EXPECT_EQ(LogEntries(r.out), std::vector<std::string>{"FILE:open error on " + existing_ +
                                                          ": Resource temporarily unavailable\n"});
    FileIO_Close(&a);
-   ASSERT_EQ(FileIO_Open(&b, existing_.c_str(), FILEIO_ACCESS_READ | FILEIO_ACCESS_FLOCK, FILEIO_ACTION_OPEN),
-             FILEIO_SUCCESS);
+   ASSERT_EQ(FileIO_Open(&b, existing_.c_str(), locked, FILEIO_ACTION_OPEN), FILEIO_SUCCESS);
    FileIO_Close(&b);
 }
 

@@ -40,9 +40,7 @@ namespace {
 // A process of this host that has already ended.
 std::string DeadExecutionID() {
    pid_t pid = fork();
-   if (pid == 0) {
-      _exit(0);
-   }
+   if (pid == 0) _exit(0);
    waitpid(pid, nullptr, 0);
    return std::to_string(pid) + "-1";
 }
@@ -53,35 +51,27 @@ public:
    std::string dir_ = tmp_.Path(""), path_ = dir_ + "/target", lck_ = path_ + ".lck";
 
    // A member file of this host as another locker would leave it.
-   void Plant(const std::string &name, const std::string &execID, size_t size = kMemberSize) {
+   // Its location checksum is this lock directory's unless lc is given.
+   void Plant(const std::string &name, const std::string &execID, size_t size = kMemberSize,
+              const std::string &lc = "") {
       std::string text = std::string(GetMachineID()) + " " + execID + " 1 X 0 lc=" +
-                         std::to_string(LocationChecksum(lck_.c_str()));
+                         (lc.empty() ? std::to_string(LocationChecksum(lck_.c_str())) : lc);
       text.resize(size, '\0');
       tmp_.Write("target.lck/" + name, text);
    }
 };
 
 TEST(MemberFormat, ParsesValidRecordsAndRejectsProblematicOnes) {
-   struct Case {
-      const char *text;
-      bool ok;
-      const char *execID;
-      uint32_t ticket;
-      const char *lc;
-   } cases[] = {
+   struct Case { const char *text; bool ok; const char *execID = nullptr; uint32_t ticket = 0; const char *lc = nullptr; };
+   const Case cases[] = {
       {"uuid=52-aa 123-456 7 X 456 lc=99", true, "123-456", 7, "99"},
       {"uuid=52-aa 123-456 7 S 456", true, "123-456", 7, nullptr},
       // A bare process id is read as pid-starttime.
-      {"OLDID 123 4 S 99 lc=5", true, "123-99", 4, "5"},
-      {"OLDID 123 4 S 99", true, "123", 4, nullptr},
-      {"id 1-2 3 X", false, nullptr, 0, nullptr},
-      {"id 1-2 3x X 2", false, nullptr, 0, nullptr},
-      {"id 1-2 4294967296 X 2", false, nullptr, 0, nullptr},
-      {"id 1-2 3 Y 2", false, nullptr, 0, nullptr},
-      {"id 1-2 3 X 2 novalue", false, nullptr, 0, nullptr},
-      {"id 1-2 3 X 2 k=", false, nullptr, 0, nullptr},
+      {"OLDID 123 4 S 99 lc=5", true, "123-99", 4, "5"}, {"OLDID 123 4 S 99", true, "123", 4, nullptr},
+      {"id 1-2 3 X", false}, {"id 1-2 3x X 2", false}, {"id 1-2 4294967296 X 2", false}, {"id 1-2 3 Y 2", false},
+      {"id 1-2 3 X 2 novalue", false}, {"id 1-2 3 X 2 k=", false},
       {"id 1-2 3 X 2 a=1 b=1 c=1 d=1 e=1 f=1 g=1 h=1 i=1 j=1 k=1", true, "1-2", 3, nullptr},
-      {"id 1-2 3 X 2 a=1 b=1 c=1 d=1 e=1 f=1 g=1 h=1 i=1 j=1 k=1 l=1", false, nullptr, 0, nullptr},
+      {"id 1-2 3 X 2 a=1 b=1 c=1 d=1 e=1 f=1 g=1 h=1 i=1 j=1 k=1 l=1", false},
    };
    for (const auto &c : cases) {
       LockValues v;
@@ -99,12 +89,9 @@ TEST(MemberFormat, ParsesValidRecordsAndRejectsProblematicOnes) {
 }
 
 TEST(MemberFormat, NamesAndLocationChecksum) {
-   for (const char *good : {"M00000.lck", "D65535.lck", "E12345.lck", "M123456.lck"}) {
-      EXPECT_TRUE(ValidName(good)) << good;
-   }
-   for (const char *bad : {"X00000.lck", "M0000.lck", "M0000a.lck", "M00000.lc", "junk", "M"}) {
+   for (const char *good : {"M00000.lck", "D65535.lck", "E12345.lck", "M123456.lck"}) EXPECT_TRUE(ValidName(good));
+   for (const char *bad : {"X00000.lck", "M0000.lck", "M0000a.lck", "M00000.lc", "junk", "M"})
       EXPECT_FALSE(ValidName(bad)) << bad;
-   }
    // Bytes above 0x7f count as negative, as on every other host.
    EXPECT_EQ(LocationChecksum(""), 5381u);
    EXPECT_EQ(LocationChecksum("a"), 5381u * 33 + 'a');
@@ -115,22 +102,11 @@ TEST(MachineIdentity, MatchesAcrossForms) {
    const char *local = GetMachineID();
    const char *old = GetOldMachineID();
    ASSERT_EQ(strlen(old), 16u);
-   if (strncmp(local, "uuid=", 5) != 0) {
-      GTEST_SKIP() << "no SHA-1 on this host";
-   }
-   struct Case {
-      const char *a, *b;
-      bool match;
-   } cases[] = {
-      {local, local, true},
-      {local, old, true},
-      {local, "not*base64", false},
-      {old, local, false},
-      {old, old, true},
+   if (strncmp(local, "uuid=", 5) != 0) GTEST_SKIP() << "no SHA-1 on this host";
+   struct Case { const char *a, *b; bool match; } cases[] = {
+      {local, local, true}, {local, old, true}, {local, "not*base64", false}, {old, local, false}, {old, old, true},
    };
-   for (const auto &c : cases) {
-      EXPECT_EQ(MachineIDMatch(c.a, c.b), c.match) << c.a << " vs " << c.b;
-   }
+   for (const auto &c : cases) EXPECT_EQ(MachineIDMatch(c.a, c.b), c.match) << c.a << " vs " << c.b;
 }
 
 TEST(MachineIdentity, OldFormsMatchByHardwareAlone) {
@@ -140,19 +116,12 @@ TEST(MachineIdentity, OldFormsMatchByHardwareAlone) {
    halcyx::UniqueCStr renamed(OldMachineID(0x0a0b0c0d, hardware));
    halcyx::UniqueCStr otherHardware(OldMachineID(0x01020304, hardware ^ 0x10000));
    ASSERT_NE(strchr(local.get(), '-'), nullptr) << local.get();
-   struct Case {
-      const char *a, *b;
-      bool match;
-   } cases[] = {
-      {local.get(), local.get(), true},
-      {local.get(), renamed.get(), true},
-      {local.get(), otherHardware.get(), false},
-      {local.get(), "not*base64", false},
+   struct Case { const char *a, *b; bool match; } cases[] = {
+      {local.get(), local.get(), true}, {local.get(), renamed.get(), true},
+      {local.get(), otherHardware.get(), false}, {local.get(), "not*base64", false},
       {"not*base64", local.get(), false},
    };
-   for (const auto &c : cases) {
-      EXPECT_EQ(OldMachineIDMatch(c.a, c.b), c.match) << c.a << " vs " << c.b;
-   }
+   for (const auto &c : cases) EXPECT_EQ(OldMachineIDMatch(c.a, c.b), c.match) << c.a << " vs " << c.b;
 }
 
 TEST(ExecutionIdentity, ValidOnlyWhileThatProcessRuns) {
@@ -162,21 +131,13 @@ TEST(ExecutionIdentity, ValidOnlyWhileThatProcessRuns) {
    free(own);
    uint64_t start = std::stoull(self.substr(self.find('-') + 1));
    std::string pid = std::to_string(getpid());
-   struct Case {
-      std::string id;
-      bool valid;
-   } cases[] = {
-      {self, true},
+   struct Case { std::string id; bool valid; } cases[] = {
+      {self, true}, {pid + "-0", true}, {pid, true}, {DeadExecutionID(), false},
       {pid + "-" + std::to_string(start + 1), false},  // a recycled process id
-      {pid + "-0", true},
-      {pid, true},
-      {DeadExecutionID(), false},
       {DeadExecutionID() + "x", false},  // trailing text is not read
       {"garbage", true},  // unparsable: never delete on a guess
    };
-   for (const auto &c : cases) {
-      EXPECT_EQ(ValidExecutionID(c.id.c_str()), c.valid) << c.id;
-   }
+   for (const auto &c : cases) EXPECT_EQ(ValidExecutionID(c.id.c_str()), c.valid) << c.id;
 
    // Each process carries its own start time: one started later reads later.
    usleep(50000);
@@ -197,20 +158,14 @@ TEST(ExecutionIdentity, ValidOnlyWhileThatProcessRuns) {
 }
 
 TEST(LockPath, Normalization) {
-   struct Case {
-      const char *in;
-      std::string out;
-   } cases[] = {
-      {"file", "./file"},  // a bare name stays relative
-      {"", "./"},
-      {"//file", "/file"},
-      {".//x", fs::current_path().string() + "/x"},
+   struct Case { const char *in; std::string out; } cases[] = {
+      {"file", "./file"}, {"", "./"},  // a bare name stays relative
+      {"//file", "/file"}, {".//x", fs::current_path().string() + "/x"},
    };
    for (const auto &c : cases) {
-      char *n = NormalizePath(c.in);
-      ASSERT_NE(n, nullptr) << c.in;
-      EXPECT_EQ(n, c.out) << c.in;
-      free(n);
+      halcyx::UniqueCStr n(NormalizePath(c.in));
+      ASSERT_NE(n.get(), nullptr) << c.in;
+      EXPECT_EQ(n.get(), c.out) << c.in;
    }
    // Failures reach the caller's message list, newest first.
    int err = 0;
@@ -223,22 +178,15 @@ TEST(LockPath, Normalization) {
    EXPECT_EQ(err, ENOENT);
    ASSERT_NE(msgs, nullptr);
    EXPECT_STREQ(MsgList_GetMsgID(msgs), "msg.fileLock.posix");
-   char *text = MsgList_ToEnglishString(msgs);
-   EXPECT_EQ(std::string(text),
+   EXPECT_EQ(halcyx::UniqueCStr(MsgList_ToEnglishString(msgs)).get(),
              std::string("A file locking error (2) has occurred: ") + Err_Errno2String(ENOENT) +
                 ".\nA file locking error (22) has occurred: " + Err_Errno2String(EINVAL) + ".\n");
-   free(text);
    MsgList_Free(msgs);
 }
 
 TEST_F(LockDir, SharedLockersShareAndExclusiveOnesExclude) {
-   struct Case {
-      bool firstShared, secondShared, secondGets;
-   } cases[] = {
-      {true, true, true},
-      {true, false, false},
-      {false, true, false},
-      {false, false, false},
+   struct Case { bool firstShared, secondShared, secondGets; } cases[] = {
+      {true, true, true}, {true, false, false}, {false, true, false}, {false, false, false},
    };
    for (const auto &c : cases) {
       int err = -1;
@@ -249,9 +197,7 @@ TEST_F(LockDir, SharedLockersShareAndExclusiveOnesExclude) {
       auto r = RunInChild([&] {
          int e = -1;
          FileLockToken *second = FileLock_Lock(path_.c_str(), c.secondShared, 0, &e, nullptr);
-         if (second != nullptr) {
-            _exit(FileLock_Unlock(second, &e, nullptr) ? 0 : 3);
-         }
+         if (second != nullptr) _exit(FileLock_Unlock(second, &e, nullptr) ? 0 : 3);
          _exit(e == EAGAIN ? 1 : 2);
       });
       EXPECT_EQ(r.ExitCode(), c.secondGets ? 0 : 1) << c.firstShared << c.secondShared << r.out;
@@ -289,30 +235,20 @@ TEST_F(LockDir, TouchingTheHoldersMemberDoesNotReleaseIt) {
    waiter.join();
    EXPECT_EQ(second, nullptr) << "two holders of one exclusive lock";
    EXPECT_EQ(secondErr, EAGAIN);
-   if (second != nullptr) {
-      FileLock_Unlock(second, &err, nullptr);
-   }
+   if (second != nullptr) FileLock_Unlock(second, &err, nullptr);
    EXPECT_TRUE(FileLock_Unlock(held, &err, nullptr));
 }
 
 TEST_F(LockDir, LeftoversAreCleared) {
-   struct Case {
-      const char *what;
-      std::function<void(LockDir *)> plant;
-      bool holdsLock;  // the leftover still blocks an exclusive try
-   } cases[] = {
+   // holdsLock: the leftover still blocks an exclusive try.
+   struct Case { const char *what; std::function<void(LockDir *)> plant; bool holdsLock; } cases[] = {
       {"foreign file", [](LockDir *t) { t->tmp_.Write("target.lck/junk", "x"); }, false},
       {"foreign directory", [](LockDir *t) { fs::create_directories(t->lck_ + "/sub"); }, false},
       {"short member", [](LockDir *t) { t->Plant("M00001.lck", "1-1", 511); }, false},
       {"unparsable member", [](LockDir *t) { t->tmp_.Write("target.lck/M00002.lck", std::string(512, 'g')); }, false},
       {"dead local holder", [](LockDir *t) { t->Plant("M00003.lck", DeadExecutionID()); }, false},
       {"moved lock directory",  // our own process, but written for another place
-       [](LockDir *t) {
-          char *self = GetExecutionID();
-          t->tmp_.Write("target.lck/M00004.lck", std::string(GetMachineID()) + " " + self + " 1 X 0 lc=1" + std::string(500, '\0'));
-          free(self);
-       },
-       false},
+       [](LockDir *t) { t->Plant("M00004.lck", halcyx::UniqueCStr(GetExecutionID()).get(), kMemberSize, "1"); }, false},
       {"live local holder", [](LockDir *t) { t->Plant("M00005.lck", "1-0"); }, true},  // init never ends
       {"lock path is a regular file", [](LockDir *t) { t->tmp_.Write("target.lck", "x"); }, false},
       {"lock path is a link to a directory",
@@ -346,17 +282,11 @@ TEST_F(LockDir, ReadOnlyLocationGivesImplicitReadLock) {
    ASSERT_EQ(chmod(dir_.c_str(), 0555), 0);
    auto r = RunInChild([&] {
       // Root may write anywhere: take a plain user's rights.
-      if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) {
-         _exit(10);
-      }
+      if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(10);
       int e = 0;
-      if (FileLock_Lock(path_.c_str(), false, 0, &e, nullptr) != nullptr || e != EACCES) {
-         _exit(11);
-      }
+      if (FileLock_Lock(path_.c_str(), false, 0, &e, nullptr) != nullptr || e != EACCES) _exit(11);
       FileLockToken *t = FileLock_Lock(path_.c_str(), true, 0, &e, nullptr);
-      if (t == nullptr || e != 0) {
-         _exit(12);
-      }
+      if (t == nullptr || e != 0) _exit(12);
       _exit(FileLock_Unlock(t, &e, nullptr) && e == 0 ? 0 : 13);
    });
    EXPECT_EQ(r.ExitCode(), 0) << r.out;
