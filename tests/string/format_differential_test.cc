@@ -23,10 +23,7 @@ using fmtmodel::Kind;
 
 namespace {
 
-struct Case {
-   std::string format;
-   std::vector<Arg> args;
-};
+struct Case { std::string format; std::vector<Arg> args; };
 
 std::string Describe(const Case &c) {
    std::ostringstream os;
@@ -44,22 +41,23 @@ std::string Describe(const Case &c) {
 
 // Compares every form at every size; the first difference goes to *error.
 void Compare(std::string *error, const std::vector<size_t> *sizes, const char *f, ...) {
-   va_list ap, aq;
+   va_list ap;
    va_start(ap, f);
-   va_copy(aq, ap);
-   int n = vsnprintf(nullptr, 0, f, aq);
-   va_end(aq);
+   auto with = [&](auto fn) {  // fn on a fresh copy of the arguments
+      va_list aq;
+      va_copy(aq, ap);
+      auto r = fn(aq);
+      va_end(aq);
+      return r;
+   };
+   int n = with([&](va_list aq) { return vsnprintf(nullptr, 0, f, aq); });
    std::vector<size_t> all = *sizes;
    all.insert(all.end(), {static_cast<size_t>(n) + 1, static_cast<size_t>(n)});
    for (size_t size : all) {
       // Exactly size bytes, so that the address sanitizer sees a write past them.
       std::vector<char> ours(std::max<size_t>(size, 1), '\x7f'), theirs = ours;
-      va_copy(aq, ap);
-      int r = Str_Vsnprintf(ours.data(), size, f, aq);
-      va_end(aq);
-      va_copy(aq, ap);
-      vsnprintf(theirs.data(), size, f, aq);
-      va_end(aq);
+      int r = with([&](va_list aq) { return Str_Vsnprintf(ours.data(), size, f, aq); });
+      with([&](va_list aq) { return vsnprintf(theirs.data(), size, f, aq); });
       if (r != (static_cast<size_t>(n) < size ? n : -1) || ours != theirs) {
          *error = "size " + std::to_string(size) + ": got " + std::to_string(r) + " \"" +
                   std::string(ours.data(), strnlen(ours.data(), ours.size())) + "\", want \"" +
@@ -68,13 +66,9 @@ void Compare(std::string *error, const std::vector<size_t> *sizes, const char *f
       }
    }
    size_t length = 0;
-   char *mine = nullptr, *libc = nullptr;
-   va_copy(aq, ap);
-   mine = Str_Vasprintf(&length, f, aq);
-   va_end(aq);
-   va_copy(aq, ap);
-   int libcLength = vasprintf(&libc, f, aq);
-   va_end(aq);
+   char *libc = nullptr;
+   char *mine = with([&](va_list aq) { return Str_Vasprintf(&length, f, aq); });
+   int libcLength = with([&](va_list aq) { return vasprintf(&libc, f, aq); });
    va_end(ap);
    if (error->empty() && (mine == nullptr || static_cast<int>(length) != libcLength ||
                           strcmp(mine, libc) != 0)) {
