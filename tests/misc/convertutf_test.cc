@@ -51,11 +51,7 @@ Outcome<T> Convert(Converter<S, T> convert, const std::vector<S> &src, Conversio
 
 TEST(RoundTrip, EveryScalarThroughAllSixConverters) {
    U32 all;
-   for (UTF32 c = 0; c <= 0x10FFFF; c++) {
-      if (c < 0xD800 || c > 0xDFFF) {
-         all.push_back(c);
-      }
-   }
+   for (UTF32 c = 0; c <= 0x10FFFF; c++) if (c < 0xD800 || c > 0xDFFF) all.push_back(c);
    // Shortest forms only: 128 one-byte, 1920 two-byte, 61440 three-byte.
    const size_t n8 = 128 + 1920 * 2 + 61440 * 3 + 1048576 * 4, n16 = 63488 + 1048576 * 2;
    auto u8 = Convert(ConvertUTF32toUTF8, all, kStrict, n8);
@@ -110,9 +106,7 @@ TEST(TargetExhausted, StopsBeforeTheFirstCharacterThatDoesNotFit) {
    std::vector<U32> u32;
    std::vector<U16> u16;
    std::vector<U8> u8;
-   for (const auto &k : kKnown) {
-      u32.push_back({k.c}), u16.push_back(k.u16), u8.push_back(k.u8);
-   }
+   for (const auto &k : kKnown) u32.push_back({k.c}), u16.push_back(k.u16), u8.push_back(k.u8);
    for (auto flags : {kStrict, kLenient}) {
       CheckEveryCapacity(ConvertUTF32toUTF8, u32, u8, flags);
       CheckEveryCapacity(ConvertUTF32toUTF16, u32, u16, flags);
@@ -144,11 +138,7 @@ TEST(SourceExhausted, CharacterCutByTheEndOfTheSource) {
 // UTF-32 and UTF-16 input: what each direction does with surrogates and
 // values above U+10FFFF, between "A" and "B".
 TEST(IllFormed, WideInputByDirectionAndMode) {
-   struct Case {
-      UTF32 bad;
-      O8 strict8, lenient8;
-      O16 strict16, lenient16;
-   };
+   struct Case { UTF32 bad; O8 strict8, lenient8; O16 strict16, lenient16; };
    const U8 fffd = {0x41, 0xEF, 0xBF, 0xBD, 0x42};
    for (const Case &c : std::vector<Case>{
            {0xD800, {sourceIllegal, 1, {0x41}}, {conversionOK, 3, {0x41, 0xED, 0xA0, 0x80, 0x42}},

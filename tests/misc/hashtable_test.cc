@@ -105,9 +105,7 @@ TEST_P(HashTableValues, FreeEntryFnGetsExactlyTheDroppedValues) {
    EXPECT_TRUE(HashTable_ReplaceIfEqual(ht, "k", V(4), V(6)));
    EXPECT_EQ(gDropped, (Values{V(1), V(4)}));
    // "" and "cherry" share bucket 0; removal works at both chain positions.
-   for (const char *k : {"", "cherry", "zz"}) {
-      ASSERT_TRUE(HashTable_Insert(ht, k, V(k[0] + 10u)));
-   }
+   for (const char *k : {"", "cherry", "zz"}) ASSERT_TRUE(HashTable_Insert(ht, k, V(k[0] + 10u)));
    EXPECT_TRUE(HashTable_Delete(ht, ""));
    void *v = nullptr;
    EXPECT_TRUE(HashTable_LookupAndDelete(ht, "cherry", &v) && v == V('c' + 10u));
@@ -128,15 +126,9 @@ TEST_P(HashTableValues, FreeEntryFnGetsExactlyTheDroppedValues) {
 TEST_P(HashTableValues, ManyKeysSurviveRemovalReuseAndClearing) {
    HashTable *ht = HashTable_Alloc(64, HASH_INT_KEY | GetParam(), nullptr);
    for (int round = 0; round < 2; round++) {
-      for (uintptr_t k = 1; k <= 3000; k++) {
-         ASSERT_TRUE(HashTable_Insert(ht, K(k), V(k * 2)));
-      }
-      for (uintptr_t k = 1; k <= 3000; k += 2) {
-         ASSERT_TRUE(HashTable_Delete(ht, K(k)));
-      }
-      for (uintptr_t k = 1; k <= 3000; k += 4) {
-         ASSERT_TRUE(HashTable_Insert(ht, K(k), V(k * 3)));
-      }
+      for (uintptr_t k = 1; k <= 3000; k++) ASSERT_TRUE(HashTable_Insert(ht, K(k), V(k * 2)));
+      for (uintptr_t k = 1; k <= 3000; k += 2) ASSERT_TRUE(HashTable_Delete(ht, K(k)));
+      for (uintptr_t k = 1; k <= 3000; k += 4) ASSERT_TRUE(HashTable_Insert(ht, K(k), V(k * 3)));
       ASSERT_EQ(HashTable_GetNumElements(ht), 2250u);
       for (uintptr_t k = 1; k <= 3000; k++) {
          void *v = nullptr;

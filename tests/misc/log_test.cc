@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <regex>
 #include <string>
 
 #include "child.h"
 #include "alloc_seam.h"
+#include "internal/unique.h"
 #include "log.h"
 #include "util.h"
 
@@ -75,13 +77,9 @@ TEST(LogEntry, LogOpenTruncatesAndRedirects) {
    });
    EXPECT_EQ(r.ExitCode(), 0);
    EXPECT_EQ(r.out, "");
-   FILE *f = fopen(path, "r");
-   ASSERT_NE(f, nullptr);
-   char text[256] = {};
-   size_t n = fread(text, 1, sizeof text - 1, f);
-   fclose(f);
+   std::ifstream in(path);
+   EXPECT_EQ(LogEntries(std::string(std::istreambuf_iterator<char>(in), {})), std::vector<std::string>{"to file\n"});
    unlink(path);
-   EXPECT_EQ(LogEntries(std::string(text, n)), std::vector<std::string>{"to file\n"});
 }
 
 std::string PanicOf(const std::function<void()> &body) {
@@ -96,12 +94,9 @@ std::string PanicOf(const std::function<void()> &body) {
 }
 
 TEST(SafeAllocation, FailureMessagesByForm) {
-   const std::string plain = "Panic: Unrecoverable memory allocation failure\n";
-   EXPECT_EQ(PanicOf([] { UtilSafeMalloc0(8); }), plain);
-   EXPECT_EQ(PanicOf([] { UtilSafeRealloc0(nullptr, 8); }), plain);
-   EXPECT_EQ(PanicOf([] { UtilSafeCalloc0(2, 8); }), plain);
-   EXPECT_EQ(PanicOf([] { UtilSafeStrdup0("abc"); }), plain);
-   EXPECT_EQ(PanicOf([] { UtilSafeStrndup0("abc", 2); }), plain);
+   for (auto body : {+[] { UtilSafeMalloc0(8); }, +[] { UtilSafeRealloc0(nullptr, 8); }, +[] { UtilSafeCalloc0(2, 8); },
+                     +[] { UtilSafeStrdup0("abc"); }, +[] { UtilSafeStrndup0("abc", 2); }})
+      EXPECT_EQ(PanicOf(body), "Panic: Unrecoverable memory allocation failure\n");
 
    EXPECT_EQ(PanicOf([] { UtilSafeMalloc1(8, -1, "x.c", 7); }),
              "Panic: Unrecoverable memory allocation failure at x.c:7\n");
@@ -128,24 +123,17 @@ TEST(SafeAllocation, EmptyRequestsAndNullStringsAreNotFatal) {
 }
 
 TEST(SafeAllocation, StrndupStopsAtNulOrBound) {
-   char *a = UtilSafeStrndup0("abcdef", 3);
-   char *b = UtilSafeStrndup0("ab\0cd", 5);
+   auto take = [](char *s) { return std::string(halcyx::UniqueCStr(s).get()); };
    char unterminated[4] = {'w', 'x', 'y', 'z'};
-   char *c = UtilSafeStrndup0(unterminated, sizeof unterminated);
-   EXPECT_STREQ(a, "abc");
-   EXPECT_STREQ(b, "ab");
-   EXPECT_STREQ(c, "wxyz");
-   free(a);
-   free(b);
-   free(c);
+   EXPECT_EQ(take(UtilSafeStrndup0("abcdef", 3)), "abc");
+   EXPECT_EQ(take(UtilSafeStrndup0("ab\0cd", 5)), "ab");
+   EXPECT_EQ(take(UtilSafeStrndup0(unterminated, sizeof unterminated)), "wxyz");
    EXPECT_EQ(Util_Memdup("abc", 0), nullptr);
 }
 
 TEST(UtilMemcpy, EveryAlignmentAndLengthCopiesExactly) {
    alignas(8) unsigned char src[64];
-   for (size_t i = 0; i < sizeof src; i++) {
-      src[i] = static_cast<unsigned char>(i * 7 + 1);
-   }
+   for (size_t i = 0; i < sizeof src; i++) src[i] = static_cast<unsigned char>(i * 7 + 1);
    for (size_t so = 0; so < 8; so++) {
       for (size_t d = 0; d < 8; d++) {
          for (size_t n = 0; n <= 40; n++) {

@@ -20,6 +20,13 @@ using halcyx::test::RunInChild;
 
 namespace {
 
+// A returned string ("<null>" for none), freed.
+std::string Take(char *s) {
+   std::string out = s == nullptr ? "<null>" : s;
+   free(s);
+   return out;
+}
+
 // The walk as text: literal stretches as they are, specifications as
 // "{position:pos:type}".
 int Walk(const char *fmt, std::string *events, bool win32 = false) {
@@ -38,24 +45,16 @@ int Walk(const char *fmt, std::string *events, bool win32 = false) {
 }
 
 TEST(MsgFmtParse, LiteralsSpecificationsAndMalformedFormats) {
-   struct Case {
-      const char *fmt;
-      int result;
-      const char *events;
-   } cases[] = {
+   struct Case { const char *fmt; int result; const char *events; } cases[] = {
       {"a%%b", 0, "a%b"},
       {"x=%-5.2ld, %s.", 0, "x={1:1:-5.2ld}, {2:2:s}."},
-      {"%2$s %1$I64d", 0, "{2:2:s} {1:1:I64d}"},
-      {"%12$s", 0, "{12:12:s}"},
+      {"%2$s %1$I64d", 0, "{2:2:s} {1:1:I64d}"}, {"%12$s", 0, "{12:12:s}"},
       {"%10s|%010d", 0, "{1:1:10s}|{2:2:010d}"},  // digits without "$" are a width
-      {"%1$s %s", MSGFMT_BAD_FORMAT, nullptr},
-      {"%s %1$s", MSGFMT_BAD_FORMAT, nullptr},
+      {"%1$s %s", MSGFMT_BAD_FORMAT, nullptr}, {"%s %1$s", MSGFMT_BAD_FORMAT, nullptr},
       {"%*d|%-5$x", 0, "{1:1:*}d|{2:2:-5$}x"},  // capture judges the conversion
       {"%5{", MSGFMT_BAD_FORMAT, nullptr},
-      {"%5\x01", MSGFMT_BAD_FORMAT, nullptr},
-      {"%\xc3\xa9", MSGFMT_BAD_FORMAT, nullptr},
-      {"tail %", MSGFMT_BAD_FORMAT, nullptr},
-      {"tail %-5", MSGFMT_BAD_FORMAT, nullptr},
+      {"%5\x01", MSGFMT_BAD_FORMAT, nullptr}, {"%\xc3\xa9", MSGFMT_BAD_FORMAT, nullptr},
+      {"tail %", MSGFMT_BAD_FORMAT, nullptr}, {"tail %-5", MSGFMT_BAD_FORMAT, nullptr},
       {"%0$s", 0, "{1:1:0$}s"},  // "0" is a flag: "$" ends the body
       {"%99999999999$s", MSGFMT_BAD_FORMAT, nullptr},
    };
@@ -117,10 +116,7 @@ void Capture(Captured *out, const char *fmt, ...) {
 }
 
 TEST(MsgFmtCapture, ErrorTexts) {
-   struct Case {
-      const char *fmt;
-      const char *error;
-   } cases[] = {
+   struct Case { const char *fmt; const char *error; } cases[] = {
       {"%2$s", "MsgFmt_GetArgs: gap in arguments at position 1"},
       {"%1$s %3$d", "MsgFmt_GetArgs: gap in arguments at position 2"},
       {"%1$d %99999$d", "MsgFmt_GetArgs: gap in arguments at position 2"},
@@ -165,9 +161,7 @@ TEST(MsgFmtCapture, PositionsTypesAndOwnedCopies) {
    ASSERT_TRUE(got.ok) << got.error;
    ASSERT_EQ(got.numArgs, 9);
    std::vector<int32_t> types;
-   for (int i = 0; i < got.numArgs; i++) {
-      types.push_back(got.args[i].type);
-   }
+   for (int i = 0; i < got.numArgs; i++) types.push_back(got.args[i].type);
    EXPECT_EQ(types, (std::vector<int32_t>{6, 8, 4, 5, 2, 1, 1, 1, 2}));
    EXPECT_STREQ(got.args[0].v.string8, "first");
    EXPECT_NE(got.args[0].v.string8, text);
@@ -183,19 +177,15 @@ TEST(MsgFmtCapture, PositionsTypesAndOwnedCopies) {
 }
 
 // Formatting from captured arguments matches the engine on the originals.
-#define EXPECT_REFORMATS(fmt, ...)                                            \
-   do {                                                                      \
-      Captured got;                                                          \
-      Capture(&got, fmt, __VA_ARGS__);                                       \
-      ASSERT_TRUE(got.ok) << fmt << ": " << got.error;                       \
-      size_t length = 0;                                                     \
-      char *mine = MsgFmt_Asprintf(&length, fmt, got.args, got.numArgs);     \
-      char *engine = Str_Asprintf(nullptr, fmt, __VA_ARGS__);                \
-      ASSERT_NE(mine, nullptr) << fmt;                                       \
-      EXPECT_STREQ(mine, engine) << fmt;                                     \
-      EXPECT_EQ(length, strlen(engine)) << fmt;                              \
-      free(mine);                                                            \
-      free(engine);                                                          \
+#define EXPECT_REFORMATS(fmt, ...)                                                 \
+   do {                                                                           \
+      Captured got;                                                               \
+      Capture(&got, fmt, __VA_ARGS__);                                            \
+      ASSERT_TRUE(got.ok) << fmt << ": " << got.error;                            \
+      size_t length = 0;                                                          \
+      std::string mine = Take(MsgFmt_Asprintf(&length, fmt, got.args, got.numArgs)); \
+      EXPECT_EQ(mine, Take(Str_Asprintf(nullptr, fmt, __VA_ARGS__))) << fmt;      \
+      EXPECT_EQ(length, mine.size()) << fmt;                                      \
    } while (0)
 
 TEST(MsgFmtAsprintf, MatchesTheEngine) {
@@ -212,24 +202,19 @@ TEST(MsgFmtAsprintf, RefusesArgumentsThatDoNotFit) {
    Captured got;
    Capture(&got, "%d %s", 1, "x");
    ASSERT_TRUE(got.ok);
-   EXPECT_EQ(MsgFmt_Asprintf(nullptr, "%d %s %d", got.args, got.numArgs), nullptr);
-   EXPECT_EQ(MsgFmt_Asprintf(nullptr, "%s %s", got.args, got.numArgs), nullptr);
-   EXPECT_EQ(MsgFmt_Asprintf(nullptr, "%d %n", got.args, got.numArgs), nullptr);
+   for (const char *fmt : {"%d %s %d", "%s %s", "%d %n"})
+      EXPECT_EQ(MsgFmt_Asprintf(nullptr, fmt, got.args, got.numArgs), nullptr) << fmt;
    Captured real;
    Capture(&real, "%f", 1.5);
    ASSERT_TRUE(real.ok);
    EXPECT_EQ(MsgFmt_Asprintf(nullptr, "%Llf", real.args, real.numArgs), nullptr);
-   char *ok = MsgFmt_Asprintf(nullptr, "%2$s=%1$d", got.args, got.numArgs);
-   EXPECT_STREQ(ok, "x=1");
-   free(ok);
+   EXPECT_EQ(Take(MsgFmt_Asprintf(nullptr, "%2$s=%1$d", got.args, got.numArgs)), "x=1");
 
    uint16_t utf16[] = {0x68, 0xD83D, 0xDE00, 0};
    MsgFmt_Arg wide{};
    wide.type = MSGFMT_ARG_STRING16;
    wide.v.string16 = utf16;
-   char *text = MsgFmt_Asprintf(nullptr, "[%ls]", &wide, 1);
-   EXPECT_STREQ(text, "[h\xF0\x9F\x98\x80]");
-   free(text);
+   EXPECT_EQ(Take(MsgFmt_Asprintf(nullptr, "[%ls]", &wide, 1)), "[h\xF0\x9F\x98\x80]");
 }
 
 TEST(MsgFmtCapture, ErrorStringsKeepTheirNumber) {
@@ -245,9 +230,8 @@ TEST(MsgFmtCapture, ErrorStringsKeepTheirNumber) {
 
    // Formatting translates the number again.
    got.args[0].errorNumber = EACCES;
-   char *text = MsgFmt_Asprintf(nullptr, "%s / %s", got.args, got.numArgs);
-   EXPECT_EQ(std::string(text), std::string(Err_Errno2String(EACCES)) + " / " + lookalike);
-   free(text);
+   EXPECT_EQ(Take(MsgFmt_Asprintf(nullptr, "%s / %s", got.args, got.numArgs)),
+             std::string(Err_Errno2String(EACCES)) + " / " + lookalike);
    free(lookalike);
 }
 
