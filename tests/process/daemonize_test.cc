@@ -40,17 +40,15 @@ protected:
    void Pipes() {
       Release();
       ASSERT_EQ(pipe2(report_, O_CLOEXEC) | pipe2(hold_, O_CLOEXEC), 0);
-      kept_[0] = report_[1];
+      kept_[0] = kept_[2] = report_[1];  // the keep list need not be sorted or unique
       kept_[1] = hold_[0];
-      kept_[2] = report_[1];  // the keep list need not be sorted or unique
    }
 
    // Starts the probe as a daemon on the pipes, then closes the caller's
    // copies of the daemon's ends.
    bool Launch(uint32_t flags, const std::string &pidPath, const char *program = PROBE_PATH) {
       std::string reportFd = std::to_string(kept_[0]), holdFd = std::to_string(kept_[1]);
-      const char *args[] = {"process_probe", "daemon", reportFd.c_str(), holdFd.c_str(),
-                            nullptr};
+      const char *args[] = {"process_probe", "daemon", reportFd.c_str(), holdFd.c_str(), nullptr};
       bool started = Hostinfo_Daemonize(program, args, flags,
                                         pidPath.empty() ? nullptr : pidPath.c_str(), kept_, 4);
       int error = errno;
@@ -136,9 +134,7 @@ TEST_F(Daemonize, DaemonKeepsOnlyTheListedDescriptorsAndRunsDetached) {
 TEST_F(Daemonize, KeptStandardDescriptorsKeepTheirNumbers) {
    Pipes();
    ChildResult r = RunInChild([&] {
-      if (dup2(report_[1], STDIN_FILENO) < 0 || dup2(hold_[0], STDERR_FILENO) < 0) {
-         _exit(3);
-      }
+      if (dup2(report_[1], STDIN_FILENO) < 0 || dup2(hold_[0], STDERR_FILENO) < 0) _exit(3);
       kept_[0] = kept_[2] = STDIN_FILENO;
       kept_[1] = STDERR_FILENO;
       _exit(Launch(0, "") ? 0 : 1);
@@ -177,14 +173,9 @@ TEST_F(Daemonize, AKeptNumberThatNamedNothingPassesNothingOfTheLaunchs) {
 // above keep the action the caller chose.
 TEST(ResetProcessState, ResetsTheClassicSignalsOnly) {
    ChildResult r = RunInChild([] {
-      const struct {
-         int sig;
-         bool reset;
-      } cases[] = {{SIGHUP, true}, {SIGUSR1, true}, {SIGSYS, true},
+      const struct { int sig; bool reset; } cases[] = {{SIGHUP, true}, {SIGUSR1, true}, {SIGSYS, true},
                    {SIGRTMIN, false}, {SIGRTMIN + 5, false}, {SIGRTMAX, false}};
-      for (const auto &c : cases) {
-         signal(c.sig, SIG_IGN);
-      }
+      for (const auto &c : cases) signal(c.sig, SIG_IGN);
       Hostinfo_ResetProcessState(nullptr, 0);
       for (const auto &c : cases) {
          struct sigaction now;
@@ -203,13 +194,7 @@ TEST_F(Daemonize, FailuresStartNothingAndSayWhy) {
    std::ofstream(lockedPath) << "1\n";
    int holder = open(lockedPath.c_str(), O_RDONLY | O_CLOEXEC);
    ASSERT_EQ(flock(holder, LOCK_EX), 0);
-   struct Case {
-      const char *program;
-      uint32_t flags;
-      std::string pidPath;
-      int error;
-      std::string message;
-   } cases[] = {
+   struct Case { const char *program; uint32_t flags; std::string pidPath; int error; std::string message; } cases[] = {
       {"/nonexistent/daemon", 0, pidPath, ENOENT,
        "Child could not exec /nonexistent/daemon, read 4, error 2.\n"},
       {PROBE_PATH, HOSTINFO_DAEMONIZE_LOCKPID, lockedPath, EWOULDBLOCK,
@@ -242,18 +227,14 @@ TEST(DaemonizeLimits, ManyPossibleDescriptorsCostNothing) {
       if (setrlimit(RLIMIT_NOFILE, &many) != 0) {
          getrlimit(RLIMIT_NOFILE, &many);
          many.rlim_cur = many.rlim_max;
-         if (many.rlim_max < 10000 || setrlimit(RLIMIT_NOFILE, &many) != 0) {
-            _exit(77);
-         }
+         if (many.rlim_max < 10000 || setrlimit(RLIMIT_NOFILE, &many) != 0) _exit(77);
       }
       const char *args[] = {"true", nullptr};
       auto start = std::chrono::steady_clock::now();
       bool started = Hostinfo_Daemonize("/bin/true", args, 0, nullptr, nullptr, 0);
       _exit(!started ? 1 : std::chrono::steady_clock::now() - start > std::chrono::seconds(1) ? 2 : 0);
    });
-   if (r.ExitCode() == 77) {
-      GTEST_SKIP() << "cannot raise the descriptor limit to 10,000 or more";
-   }
+   if (r.ExitCode() == 77) GTEST_SKIP() << "cannot raise the descriptor limit to 10,000 or more";
    EXPECT_EQ(r.ExitCode(), 0) << "1: not started, 2: slower than a second\n" << r.out;
 }
 

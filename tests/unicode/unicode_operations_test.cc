@@ -25,16 +25,9 @@ std::string Take(char *s) {
 const char kAEacuteEuro[] = "a\xC3\xA9\xE2\x82\xAC";  // U+0061 U+00E9 U+20AC
 
 TEST(UnicodeRanges, SubstrReplaceAndJoin) {
-   struct Case {
-      ssize_t start, length;
-      const char *expected;
-   } substr[] = {
-      {1, -1, "\xC3\xA9\xE2\x82\xAC"},
-      {1, 1, "\xC3\xA9"},
-      {2, 99, "\xE2\x82\xAC"},
-      {10, -1, ""},
-      {-4, 2, ""},
-      {0, -1, kAEacuteEuro},
+   struct Case { ssize_t start, length; const char *expected; } substr[] = {
+      {1, -1, "\xC3\xA9\xE2\x82\xAC"}, {1, 1, "\xC3\xA9"}, {2, 99, "\xE2\x82\xAC"}, {10, -1, ""},
+      {-4, 2, ""}, {0, -1, kAEacuteEuro},
    };
    for (const Case &c : substr) {
       EXPECT_EQ(Take(Unicode_Substr(kAEacuteEuro, c.start, c.length)), c.expected)
@@ -58,11 +51,9 @@ TEST(UnicodeFind, FirstAndLastWithinRanges) {
       const char *str1;
       ssize_t start1, length1;
       const char *str2;
-      ssize_t start2, length2;
-      ssize_t first, last;
+      ssize_t start2, length2, first, last;
    } cases[] = {
-      {"abcabc", 0, -1, "bc", 0, -1, 1, 4},
-      {"abcabc", 0, -1, "", 0, -1, 0, 0},
+      {"abcabc", 0, -1, "bc", 0, -1, 1, 4}, {"abcabc", 0, -1, "", 0, -1, 0, 0},
       {"abcabc", 2, -1, "", 0, -1, 2, 2},
       {"abcabc", 2, 3, "bc", 0, -1, -1, -1},  // "cab"
       {"abcabc", 2, 4, "bc", 0, -1, 4, 4},
@@ -71,30 +62,16 @@ TEST(UnicodeFind, FirstAndLastWithinRanges) {
       {"\xC3\xA9\xE2\x82\xAC\xC3\xA9", 0, -1, "\xC3\xA9", 0, -1, 0, 2},
    };
    for (const Case &c : cases) {
-      EXPECT_EQ(Unicode_FindSubstrInRange(c.str1, c.start1, c.length1, c.str2, c.start2,
-                                          c.length2),
-                c.first)
-         << c.str1 << " / " << c.str2;
-      EXPECT_EQ(Unicode_FindLastSubstrInRange(c.str1, c.start1, c.length1, c.str2, c.start2,
-                                              c.length2),
-                c.last)
-         << c.str1 << " / " << c.str2;
+      SCOPED_TRACE(std::string(c.str1) + " / " + c.str2);
+      EXPECT_EQ(Unicode_FindSubstrInRange(c.str1, c.start1, c.length1, c.str2, c.start2, c.length2), c.first);
+      EXPECT_EQ(Unicode_FindLastSubstrInRange(c.str1, c.start1, c.length1, c.str2, c.start2, c.length2), c.last);
    }
 }
 
 TEST(UnicodeCompare, OrderAndCaseFolding) {
-   struct Case {
-      const char *a;
-      const char *b;
-      bool ignoreCase;
-      int expected;
-   } cases[] = {
-      {"abc", "abc", false, 0},
-      {"abc", "abd", false, -1},
-      {"abc", "ab", false, 1},
-      {"", "", false, 0},
-      {"ABC", "abc", false, -1},
-      {"ABC", "abc", true, 0},
+   struct Case { const char *a; const char *b; bool ignoreCase; int expected; } cases[] = {
+      {"abc", "abc", false, 0}, {"abc", "abd", false, -1}, {"abc", "ab", false, 1},
+      {"", "", false, 0}, {"ABC", "abc", false, -1}, {"ABC", "abc", true, 0},
       {"\xC3\x80" "B", "\xC3\xA0" "b", true, 0},             // U+00C0 B / U+00E0 b
       {"\xC2\xB5", "\xCE\xBC", true, 0},                      // micro sign / mu
       {"\xCE\xA3\xCE\x91\xCF\x82", "\xCF\x83\xCE\xB1\xCF\x83", true, 0},  // final sigma
@@ -116,14 +93,9 @@ TEST(UnicodeCompare, OrderAndCaseFolding) {
 }
 
 TEST(UnicodeAllocStatic, DecodesEscapes) {
-   struct Case {
-      const char *literal;
-      const char *expected;
-   } cases[] = {
+   struct Case { const char *literal; const char *expected; } cases[] = {
       {"a\\u00e9\\U0001F600", "a\xC3\xA9\xF0\x9F\x98\x80"},
-      {"\\q\\\\\\\"", "q\\\""},
-      {"\\u20AC end\\", "\xE2\x82\xAC end"},
-      {"", ""},
+      {"\\q\\\\\\\"", "q\\\""}, {"\\u20AC end\\", "\xE2\x82\xAC end"}, {"", ""},
    };
    for (const Case &c : cases) {
       EXPECT_EQ(Take(UnicodeAllocStatic(c.literal, true)), c.expected) << c.literal;
@@ -132,24 +104,20 @@ TEST(UnicodeAllocStatic, DecodesEscapes) {
 }
 
 TEST(UnicodeFatal, BadLiteralsAndInvalidStrings) {
+   const std::string verify = R"(Panic: VERIFY lib/unicode/unicodeSimpleOperations:\d+ \n)";
+   const std::string notImplemented = R"(Panic: NOT_IMPLEMENTED lib/unicode/unicodeSimpleOperations:\d+ \n)";
    struct Case {
       std::function<void()> body;
-      const char *entry;  // regular expression for the one log entry
+      std::string entry;  // regular expression for the one log entry
    } cases[] = {
-      {[] { UnicodeAllocStatic("caf\xC3\xA9", true); },
-       R"(Panic: VERIFY lib/unicode/unicodeSimpleOperations:\d+ \n)"},
-      {[] { UnicodeAllocStatic("\\\xC3", true); },
-       R"(Panic: VERIFY lib/unicode/unicodeSimpleOperations:\d+ \n)"},
-      {[] { UnicodeAllocStatic("\\U00110000", true); },
-       R"(Panic: VERIFY lib/unicode/unicodeSimpleOperations:\d+ \n)"},
-      {[] { UnicodeAllocStatic("\\u00g9", true); },
-       R"(Panic: NOT_IMPLEMENTED lib/unicode/unicodeSimpleOperations:\d+ \n)"},
-      {[] { UnicodeAllocStatic("\\u12", true); },
-       R"(Panic: NOT_IMPLEMENTED lib/unicode/unicodeSimpleOperations:\d+ \n)"},
+      {[] { UnicodeAllocStatic("caf\xC3\xA9", true); }, verify},
+      {[] { UnicodeAllocStatic("\\\xC3", true); }, verify},
+      {[] { UnicodeAllocStatic("\\U00110000", true); }, verify},
+      {[] { UnicodeAllocStatic("\\u00g9", true); }, notImplemented},
+      {[] { UnicodeAllocStatic("\\u12", true); }, notImplemented},
       {[] { UnicodeAllocStatic("\\uD800", true); },
        R"(Panic: Unicode_AllocWithLength: Couldn't convert invalid buffer \[.*\] from UTF-16LE to Unicode\.\n)"},
-      {[] { Unicode_Substr("a\xFF", 0, 1); },
-       R"(Panic: Unicode_Substr: invalid UTF8 string @ [0-9A-F]+\n)"},
+      {[] { Unicode_Substr("a\xFF", 0, 1); }, R"(Panic: Unicode_Substr: invalid UTF8 string @ [0-9A-F]+\n)"},
       {[] { Unicode_FindSubstrInRange("a", 0, -1, "\xC0\x80", 0, -1); },
        R"(Panic: Unicode_FindSubstrInRange: invalid UTF8 string @ [0-9A-F]+\n)"},
    };

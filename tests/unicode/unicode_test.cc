@@ -17,12 +17,33 @@ namespace {
 using halcyx::test::IcuEngine;
 using halcyx::test::LogEntries;
 using halcyx::test::RunInChild;
+using Strings = std::vector<std::string>;
+
+// A returned string ("<null>" for none), freed.
+std::string Take(void *s) {
+   std::string out = s == nullptr ? "<null>" : static_cast<char *>(s);
+   free(s);
+   return out;
+}
+
+// A returned NULL-terminated list of strings, freed with its elements.
+Strings TakeList(char **list) {
+   Strings out;
+   for (char **p = list; p != nullptr && *p != nullptr; p++) out.push_back(Take(*p));
+   free(list);
+   return out;
+}
+
+// The first count units of a returned buffer, freed.
+template <typename T>
+std::vector<T> TakeUnits(void *p, size_t count) {
+   std::vector<T> out(static_cast<T *>(p), static_cast<T *>(p) + (p != nullptr ? count : 0));
+   free(p);
+   return out;
+}
 
 TEST(EncodingNames, LookupsAndSpellings) {
-   const struct {
-      const char *name;
-      int32_t expected;
-   } kCases[] = {
+   const struct { const char *name; int32_t expected; } kCases[] = {
       {"UTF-8", 0}, {"utf8", 0}, {"UTF8", 0}, {"Utf-8", 0}, {"utf_8", 0}, {"cp1208", 0},
       {"windows-1252", 35}, {"Windows-1252", 35}, {"cp1252", 35}, {"latin1", 8},
       {"ISO_8859-1", 8}, {"l1", 8}, {"US-ASCII", 7}, {"ascii", 7}, {"ANSI_X3.4-1968", 7},
@@ -33,9 +54,7 @@ TEST(EncodingNames, LookupsAndSpellings) {
       // Rows that are not supported, and names that match nothing.
       {"ibm-813", -2}, {"8859_7", 14}, {"BS_4730", -2}, {"windows-12x", -2}, {"", -2},
    };
-   for (const auto &c : kCases) {
-      EXPECT_EQ(Unicode_EncodingNameToEnum(c.name), c.expected) << c.name;
-   }
+   for (const auto &c : kCases) EXPECT_EQ(Unicode_EncodingNameToEnum(c.name), c.expected) << c.name;
    // Twice: the second answer comes from the cache, which never changes an
    // answer, even for names that differ only in case.
    EXPECT_EQ(Unicode_EncodingNameToEnum("LATIN1"), 8);
@@ -62,11 +81,9 @@ TEST(EncodingNames, MissesAreLoggedAndUnknownEnumeratorsFatal) {
 }
 
 TEST(EncodingNames, EnumeratorsToPreferredNames) {
-   EXPECT_STREQ(Unicode_EncodingEnumToName(-1), "UTF-8");
-   EXPECT_STREQ(Unicode_EncodingEnumToName(13), "ISO-8859-6");
-   EXPECT_STREQ(Unicode_EncodingEnumToName(7), "ASCII");
-   EXPECT_STREQ(Unicode_EncodingEnumToName(35), "windows-1252");
-   EXPECT_STREQ(Unicode_EncodingEnumToName(315), "ibm-813_P100-1995");
+   for (auto [e, name] : {std::pair{-1, "UTF-8"}, {13, "ISO-8859-6"}, {7, "ASCII"}, {35, "windows-1252"},
+                          {315, "ibm-813_P100-1995"}})
+      EXPECT_STREQ(Unicode_EncodingEnumToName(e), name);
    EXPECT_EQ(Unicode_ResolveEncoding(-1), 0);
    EXPECT_EQ(Unicode_ResolveEncoding(42), 42);
    EXPECT_EQ(Unicode_GetCurrentEncoding(), 0);
@@ -86,44 +103,27 @@ TEST(EncodingNames, EnumeratorsToPreferredNames) {
 }
 
 TEST(Alloc, FromEncodedBuffers) {
+   const uint16_t utf16[] = {'h', 0xE9, 0xD83D, 0xDE00, 0};
    for (bool withIcu : {false, true}) {
       std::unique_ptr<IcuEngine> icu(withIcu ? new IcuEngine : nullptr);
-      const uint16_t utf16[] = {'h', 0xE9, 0xD83D, 0xDE00, 0};
-      char *s = Unicode_AllocWithLength(utf16, -1, UNICODE_ENCODING_UTF16_LE);
-      EXPECT_STREQ(s, "h\xC3\xA9\xF0\x9F\x98\x80");
-      free(s);
-      s = Unicode_AllocWithLength("abc", 2, UNICODE_ENCODING_DEFAULT);
-      EXPECT_STREQ(s, "ab");
-      free(s);
-      s = Unicode_AllocWithLength("\0h\0i\0\0", -1, UNICODE_ENCODING_UTF16_BE);
-      EXPECT_STREQ(s, "hi");
-      free(s);
-      s = Unicode_AllocWithLength(utf16, 4, UNICODE_ENCODING_UTF16_XE);  // host order
-      EXPECT_STREQ(s, "h\xC3\xA9");
-      free(s);
+      EXPECT_EQ(Take(Unicode_AllocWithLength(utf16, -1, UNICODE_ENCODING_UTF16_LE)), "h\xC3\xA9\xF0\x9F\x98\x80");
+      EXPECT_EQ(Take(Unicode_AllocWithLength("abc", 2, UNICODE_ENCODING_DEFAULT)), "ab");
+      EXPECT_EQ(Take(Unicode_AllocWithLength("\0h\0i\0\0", -1, UNICODE_ENCODING_UTF16_BE)), "hi");
+      // Host order.
+      EXPECT_EQ(Take(Unicode_AllocWithLength(utf16, 4, UNICODE_ENCODING_UTF16_XE)), "h\xC3\xA9");
       EXPECT_EQ(Unicode_AllocWithLength(nullptr, -1, 0), nullptr);
    }
    IcuEngine icu;
    const uint32_t utf32[] = {'h', 0x1F600, 0};
-   char *s = Unicode_AllocWithLength(utf32, -1, UNICODE_ENCODING_UTF32_XE);
-   EXPECT_STREQ(s, "h\xF0\x9F\x98\x80");
-   free(s);
+   EXPECT_EQ(Take(Unicode_AllocWithLength(utf32, -1, UNICODE_ENCODING_UTF32_XE)), "h\xF0\x9F\x98\x80");
    const uint16_t lowSurrogate[] = {0xDC00, 0};
    EXPECT_FALSE(Unicode_IsBufferValid(lowSurrogate, -1, UNICODE_ENCODING_UTF16_XE));
-   s = Unicode_AllocWithLength("caf\xE9", -1, 8);
-   EXPECT_STREQ(s, "caf\xC3\xA9");
-   free(s);
-   s = UnicodeAllocInternal("a\xFF", 2, UNICODE_ENCODING_UTF8, false);
-   EXPECT_STREQ(s, "a\xEF\xBF\xBD");
-   free(s);
+   EXPECT_EQ(Take(Unicode_AllocWithLength("caf\xE9", -1, 8)), "caf\xC3\xA9");
+   EXPECT_EQ(Take(UnicodeAllocInternal("a\xFF", 2, UNICODE_ENCODING_UTF8, false)), "a\xEF\xBF\xBD");
 }
 
 TEST(Alloc, InvalidInputIsFatal) {
-   const struct {
-      const char *bytes;
-      int32_t encoding;
-      const char *message;
-   } kCases[] = {
+   const struct { const char *bytes; int32_t encoding; const char *message; } kCases[] = {
       {"A\n\xC3", UNICODE_ENCODING_UTF8, "[A\\x0A\\xC3] from UTF-8 to"},
       {"\xFF", UNICODE_ENCODING_US_ASCII, "[\\xFF] from ASCII to"},
       {"ab", 8, "[ab] from ISO-8859-1 to"},  // the built-in engine has no Latin-1
@@ -131,11 +131,8 @@ TEST(Alloc, InvalidInputIsFatal) {
    for (const auto &c : kCases) {
       auto r = RunInChild([&] { Unicode_AllocWithLength(c.bytes, -1, c.encoding); });
       EXPECT_EQ(r.ExitCode(), 1);
-      EXPECT_EQ(LogEntries(r.out),
-                std::vector<std::string>{std::string("Panic: Unicode_AllocWithLength: Couldn't convert "
-                                                     "invalid buffer ") +
-                                         c.message + " Unicode.\n"})
-         << r.out;
+      EXPECT_EQ(LogEntries(r.out), Strings{std::string("Panic: Unicode_AllocWithLength: Couldn't convert "
+                                                       "invalid buffer ") + c.message + " Unicode.\n"});
    }
 }
 
@@ -143,20 +140,14 @@ TEST(Alloc, Lists) {
    char *in[] = {const_cast<char *>("a"), const_cast<char *>("b\xC3\xA9"), nullptr};
    char **list = Unicode_AllocList(in, -1, UNICODE_ENCODING_UTF8);
    ASSERT_NE(list, nullptr);
-   EXPECT_STREQ(list[0], "a");
-   EXPECT_STREQ(list[1], "b\xC3\xA9");
-   EXPECT_EQ(list[2], nullptr);
+   EXPECT_EQ(Strings(list, list + 2), (Strings{"a", "b\xC3\xA9"}));
    char **ascii = Unicode_GetAllocList(list, 1, UNICODE_ENCODING_US_ASCII);
    ASSERT_NE(ascii, nullptr);
-   EXPECT_STREQ(ascii[0], "a");
-   free(ascii[0]);
+   EXPECT_EQ(Take(ascii[0]), "a");
    free(ascii);
    // The second element has no US-ASCII form: nothing is kept.
    EXPECT_EQ(Unicode_GetAllocList(list, -1, UNICODE_ENCODING_US_ASCII), nullptr);
-   for (int i = 0; i < 3; i++) {
-      free(list[i]);
-   }
-   free(list);
+   EXPECT_EQ(TakeList(list).size(), 2u);
 }
 
 TEST(Alloc, WideArgumentsAtInitialisation) {
@@ -167,53 +158,35 @@ TEST(Alloc, WideArgumentsAtInitialisation) {
    Unicode_InitW(2, wargv, wenvp, &argv, &envp);
    ASSERT_NE(argv, nullptr);
    ASSERT_NE(envp, nullptr);
-   EXPECT_STREQ(argv[0], "p\xC3\xA9");
-   EXPECT_STREQ(argv[1], "\xF0\x9F\x98\x80");
-   EXPECT_EQ(argv[2], nullptr);
-   EXPECT_STREQ(envp[0], "A=");
-   EXPECT_EQ(envp[1], nullptr);
-   for (char **list : {argv, envp}) {
-      for (char **p = list; *p != nullptr; p++) {
-         free(*p);
-      }
-      free(list);
-   }
+   EXPECT_EQ(TakeList(argv), (Strings{"p\xC3\xA9", "\xF0\x9F\x98\x80"}));
+   EXPECT_EQ(TakeList(envp), Strings{"A="});
 }
 
 TEST(GetBytes, IntoEncodings) {
    for (bool withIcu : {false, true}) {
       std::unique_ptr<IcuEngine> icu(withIcu ? new IcuEngine : nullptr);
       size_t n = 0;
-      auto *w = static_cast<uint16_t *>(
-         UnicodeGetAllocBytesInternal("h\xC3\xA9", UNICODE_ENCODING_UTF16_LE, -1, &n));
-      ASSERT_NE(w, nullptr);
+      using U16 = std::vector<uint16_t>;
+      EXPECT_EQ(TakeUnits<uint16_t>(UnicodeGetAllocBytesInternal("h\xC3\xA9", UNICODE_ENCODING_UTF16_LE, -1, &n), 3),
+                (U16{'h', 0xE9, 0}));
       EXPECT_EQ(n, 4u);
-      EXPECT_EQ(w[0], 'h');
-      EXPECT_EQ(w[1], 0xE9);
-      EXPECT_EQ(w[2], 0);
-      free(w);
       // Host order: the same units, and no byte-order mark.
-      w = static_cast<uint16_t *>(
+      auto *w = static_cast<uint16_t *>(
          UnicodeGetAllocBytesInternal("h\xC3\xA9", UNICODE_ENCODING_UTF16_XE, -1, &n));
       ASSERT_NE(w, nullptr);
       EXPECT_EQ(n, 4u);
-      EXPECT_EQ(std::vector<uint16_t>(w, w + 3), (std::vector<uint16_t>{'h', 0xE9, 0}));
+      EXPECT_EQ(U16(w, w + 3), (U16{'h', 0xE9, 0}));
       if (withIcu) {
-         auto *w32 = static_cast<uint32_t *>(
-            UnicodeGetAllocBytesInternal("h\xC3\xA9", UNICODE_ENCODING_UTF32_XE, -1, &n));
-         ASSERT_NE(w32, nullptr);
+         EXPECT_EQ(TakeUnits<uint32_t>(UnicodeGetAllocBytesInternal("h\xC3\xA9", UNICODE_ENCODING_UTF32_XE, -1, &n), 3),
+                   (std::vector<uint32_t>{'h', 0xE9, 0}));
          EXPECT_EQ(n, 8u);
-         EXPECT_EQ(std::vector<uint32_t>(w32, w32 + 3), (std::vector<uint32_t>{'h', 0xE9, 0}));
-         free(w32);
       }
       uint16_t *copy = Unicode_UTF16Strdup(w);
       EXPECT_EQ(Unicode_UTF16Strlen(copy), 2);
       EXPECT_EQ(Unicode_LengthInBytes(copy, UNICODE_ENCODING_UTF16_LE), 4);
       free(copy);
       free(w);
-      char *prefix = static_cast<char *>(Unicode_GetAllocBytesWithLength("abc", 0, 2));
-      EXPECT_STREQ(prefix, "ab");
-      free(prefix);
+      EXPECT_EQ(Take(Unicode_GetAllocBytesWithLength("abc", 0, 2)), "ab");
       EXPECT_EQ(Unicode_GetAllocBytes("\xC3\xA9", UNICODE_ENCODING_US_ASCII), nullptr);
       EXPECT_FALSE(Unicode_CanGetBytesWithEncoding("\xC3\xA9", UNICODE_ENCODING_US_ASCII));
       EXPECT_TRUE(Unicode_CanGetBytesWithEncoding(nullptr, UNICODE_ENCODING_US_ASCII));
@@ -235,9 +208,7 @@ TEST(Measures, ValidityLengthsAndEscaping) {
    EXPECT_EQ(Unicode_LengthInBytes(utf32, UNICODE_ENCODING_UTF32_LE), 8);
    EXPECT_EQ(Unicode_LengthInBytes("abc", 8), 3);
    EXPECT_EQ(Unicode_LengthInCodePoints("a\xC3\xA9\xE2\x82\xAC"), 3);
-   char *e = Unicode_EscapeBuffer("A\n\xC3\\~\x7F", -1, UNICODE_ENCODING_UTF8);
-   EXPECT_STREQ(e, "A\\x0A\\xC3\\x5C~\\x7F");
-   free(e);
+   EXPECT_EQ(Take(Unicode_EscapeBuffer("A\n\xC3\\~\x7F", -1, UNICODE_ENCODING_UTF8)), "A\\x0A\\xC3\\x5C~\\x7F");
    EXPECT_EQ(Unicode_EscapeBuffer(nullptr, -1, 0), nullptr);
 }
 
