@@ -184,7 +184,10 @@ TEST(LockPath, Normalization) {
    MsgList_Free(msgs);
 }
 
-TEST_F(LockDir, SharedLockersShareAndExclusiveOnesExclude) {
+// The lock directory is open to every user, made without touching the umask.
+TEST_F(LockDir, SharedLockersShareExclusiveOnesExcludeInADirectoryOpenToAll) {
+   umask(022);
+   gUmaskCalls = 0;
    struct Case { bool firstShared, secondShared, secondGets; } cases[] = {
       {true, true, true}, {true, false, false}, {false, true, false}, {false, false, false},
    };
@@ -192,6 +195,9 @@ TEST_F(LockDir, SharedLockersShareAndExclusiveOnesExclude) {
       int err = -1;
       FileLockToken *first = FileLock_Lock(path_.c_str(), c.firstShared, 0, &err, nullptr);
       ASSERT_NE(first, nullptr);
+      struct stat st;
+      ASSERT_EQ(stat(lck_.c_str(), &st), 0);
+      EXPECT_EQ(st.st_mode & 07777, 0777u);
       EXPECT_TRUE(FileLock_IsLocked(path_.c_str(), &err, nullptr));
       // Another process, so that the member is judged as a live neighbour's.
       auto r = RunInChild([&] {
@@ -206,19 +212,7 @@ TEST_F(LockDir, SharedLockersShareAndExclusiveOnesExclude) {
       EXPECT_EQ(err, 0);
       EXPECT_FALSE(fs::exists(lck_)) << "an empty lock directory is removed";
    }
-}
-
-TEST_F(LockDir, LockDirectoryIsSharedWithoutTouchingTheUmask) {
-   umask(022);
-   gUmaskCalls = 0;
-   int err = -1;
-   FileLockToken *token = FileLock_Lock(path_.c_str(), false, 0, &err, nullptr);
-   ASSERT_NE(token, nullptr);
    EXPECT_EQ(gUmaskCalls, 0);
-   struct stat st;
-   ASSERT_EQ(stat(lck_.c_str(), &st), 0);
-   EXPECT_EQ(st.st_mode & 07777, 0777u);
-   EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
 }
 
 TEST_F(LockDir, TouchingTheHoldersMemberDoesNotReleaseIt) {
