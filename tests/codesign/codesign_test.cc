@@ -591,10 +591,7 @@ TEST_F(Codesign, ToolManners) {
    const std::string missing = bundle("Missing.bundle", "rm Contents/Resources/data.bin");
    const std::string extra = bundle("Extra.bundle", "echo x > Contents/Resources/extra");
    std::string exported, error;
-   {
-      UniqueFd fd(OpenCode(file.c_str()));
-      ASSERT_TRUE(ExportDetached(fd.get(), &exported, &error)) << error;
-   }
+   ASSERT_TRUE(ExportDetached(UniqueFd(OpenCode(file.c_str())).get(), &exported, &error)) << error;
    const std::string unsealed = ": invalid signature: the bundle's files do not match its seal: ";
    struct { std::string args; int status; bool onStdout; std::string text; } cases[] = {
       {"--help", 0, true, "usage: halcyx-sign -s IDENTITY"},
@@ -634,12 +631,11 @@ TEST_F(Codesign, PublicEntryPointsLogTheirFailures) {
       auto entries = halcyx::test::LogEntries(r.out);
       return entries.empty() ? "exit " + std::to_string(r.ExitCode()) : entries[0];
    };
-   EXPECT_EQ(logOf([&] { codesignVerify((work_ + "/missing").c_str(), "x"); }),
-             "PrivilegedHelper: Failed to verify the code signature of " + work_ +
-                "/missing due to 3");
-   EXPECT_EQ(logOf([&] { codesignVerify(signedFile.c_str(), "com.zorvex.tool"); }),
-             "PrivilegedHelper: Failed to verify the code signature of " + signedFile +
-                " due to 7");
+   for (const auto &c : {std::pair{work_ + "/missing", 3}, std::pair{signedFile, 7}}) {
+      EXPECT_EQ(logOf([&] { codesignVerify(c.first.c_str(), "com.zorvex.tool"); }),
+                "PrivilegedHelper: Failed to verify the code signature of " + c.first + " due to " +
+                   std::to_string(c.second));
+   }
    ASSERT_EQ(symlink(bundle.c_str(), (work_ + "/alias").c_str()), 0);
    for (const auto &c : {std::pair{signedFile, 3}, std::pair{work_ + "/alias/", 3},
                          std::pair{noInfo, 4}}) {
@@ -647,9 +643,7 @@ TEST_F(Codesign, PublicEntryPointsLogTheirFailures) {
                 "CoreFoundationUtils: Failed to get bundle identifier for " + c.first +
                    " due to (" + std::to_string(c.second) + ").\n");
    }
-   char *id = getBundleIdentifier(bundle.c_str());
-   EXPECT_STREQ(id, "com.zorvex.app");
-   free(id);
+   EXPECT_STREQ(halcyx::UniqueCStr(getBundleIdentifier(bundle.c_str())).get(), "com.zorvex.app");
 }
 
 }  // namespace
