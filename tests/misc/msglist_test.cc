@@ -27,7 +27,7 @@ std::string English(const MsgList *list) {
 }
 
 TEST(MsgListMarker, IdentifierAndFormat) {
-   struct Case { const char *text; const char *id; const char *format; const char *english; } cases[] = {
+   struct Case { const char *text, *id, *format, *english; } cases[] = {
       {"@&!*@*@(a.b)Hello", "a.b", "Hello", "Hello\n"},
       {"@&!*@*@(a.bHello", "msg.literal", "%s", "@&!*@*@(a.bHello\n"},
       {"@&!*@*@a.b)Hello", "msg.literal", "%s", "@&!*@*@a.b)Hello\n"},

@@ -11,6 +11,7 @@
 
 #include "child.h"
 #include "alloc_seam.h"
+#include "internal/unique.h"
 #include "str.h"
 #include "string/bsd_vsnprintf_int.h"
 
@@ -70,17 +71,12 @@ TEST(StrSnprintf, TruncationKeepsWholeCharactersAndNeverWritesAtSizeZero) {
 TEST(StrAllocating, LengthAndFailure) {
    size_t length = 99;
    std::string big(5000, 'x');
-   char *s = Str_Asprintf(&length, "<%s>%d", big.c_str(), 7);
-   EXPECT_EQ(s, "<" + big + ">7");
+   EXPECT_EQ(halcyx::UniqueCStr(Str_Asprintf(&length, "<%s>%d", big.c_str(), 7)).get(), "<" + big + ">7");
    EXPECT_EQ(length, 5003u);
-   free(s);
-   s = Str_SafeAsprintf(&length, "%s-%s", "a", "b");
-   EXPECT_STREQ(s, "a-b");
+   EXPECT_STREQ(halcyx::UniqueCStr(Str_SafeAsprintf(&length, "%s-%s", "a", "b")).get(), "a-b");
    EXPECT_EQ(length, 3u);
-   free(s);
    {
-      halcyx::test::AllocationSeam seam;
-      seam.FailAll();
+      FailingSeam seam;
       EXPECT_EQ(Str_Asprintf(&length, "%d", 1), nullptr);
    }
    EXPECT_EQ(length, 3u);
