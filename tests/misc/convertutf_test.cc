@@ -58,9 +58,7 @@ TEST(RoundTrip, EveryScalarThroughAllSixConverters) {
    auto u16 = Convert(ConvertUTF32toUTF16, all, kStrict, n16);
    ASSERT_TRUE(u8.result == conversionOK && u8.out.size() == n8);
    ASSERT_TRUE(u16.result == conversionOK && u16.out.size() == n16);
-   auto ok = [](const auto &o, const auto &want) {
-      return o.result == conversionOK && o.out == want;
-   };
+   auto ok = [](const auto &o, const auto &want) { return o.result == conversionOK && o.out == want; };
    EXPECT_TRUE(ok(Convert(ConvertUTF8toUTF32, u8.out, kStrict, all.size()), all));
    EXPECT_TRUE(ok(Convert(ConvertUTF16toUTF32, u16.out, kStrict, all.size()), all));
    EXPECT_TRUE(ok(Convert(ConvertUTF8toUTF16, u8.out, kStrict, n16), u16.out));
@@ -128,10 +126,8 @@ TEST(SourceExhausted, CharacterCutByTheEndOfTheSource) {
          }
       }
       const U16 src = {0x41, 0xD83D, 0xDE00, 0xDBFF};
-      EXPECT_EQ(Convert(ConvertUTF16toUTF32, src, flags),
-                (O32{sourceExhausted, 3, {0x41, 0x1F600}}));
-      EXPECT_EQ(Convert(ConvertUTF16toUTF8, src, flags),
-                (O8{sourceExhausted, 3, {0x41, 0xF0, 0x9F, 0x98, 0x80}}));
+      EXPECT_EQ(Convert(ConvertUTF16toUTF32, src, flags), (O32{sourceExhausted, 3, {0x41, 0x1F600}}));
+      EXPECT_EQ(Convert(ConvertUTF16toUTF8, src, flags), (O8{sourceExhausted, 3, {0x41, 0xF0, 0x9F, 0x98, 0x80}}));
    }
 }
 
