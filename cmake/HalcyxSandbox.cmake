@@ -14,5 +14,7 @@ set(HALCYX_HOST_DIR "${HALCYX_SANDBOX_DIR}/Library/Application Support/Zorvex/Zo
 set(HALCYX_PRODUCT_FILE "${HALCYX_SANDBOX_DIR}/Library/Preferences/Zorvex Halcyx/lastLocationUsed"
     CACHE STRING "")
 set(HALCYX_DAEMON_LOG_PATH "${HALCYX_SANDBOX_DIR}/log/Zorvex Halcyx Services.log" CACHE STRING "")
+# Pause points and allocation failure for the adversarial tests.
+set(HALCYX_TEST_SEAMS ON CACHE BOOL "")
 set(HALCYX_BUILD_TESTS OFF CACHE BOOL "")
 set(HALCYX_BUILD_BENCH OFF CACHE BOOL "")

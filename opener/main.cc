@@ -11,8 +11,10 @@
 #include "openerConfig.h"
 #include "serviceImpl.h"
 #include "str.h"
+#include "testSeams.h"
 
 int main(int argc, char **argv) {
+   HALCYX_TEST_ALLOCATIONS_ARM();
    Shellshock_Mitigate();
    ServiceImpl_PrivLower();
    umask(022);

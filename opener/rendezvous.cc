@@ -31,6 +31,7 @@
 #include "rootBracket.h"
 #include "serviceImpl.h"
 #include "str.h"
+#include "testSeams.h"
 
 using halcyx::RootBracket;
 
@@ -113,6 +114,7 @@ int PickSockSide(const char *lockPath, const char *socketPath, bool *listener) {
    bool picked = false;
    int lock = OpenLocked(lockPath);
    if (lock >= 0) {
+      HALCYX_TEST_PAUSE("locked");
       if (connect(sock, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0) {
          picked = true;
          *listener = false;
@@ -122,6 +124,7 @@ int PickSockSide(const char *lockPath, const char *socketPath, bool *listener) {
       } else {
          Warning("%s: connect errno %d.\n", kPickTag, errno);
       }
+      HALCYX_TEST_PAUSE(*listener ? "listening" : "connected");
       // Releases the lock: the next opener may choose its side now.
       if (!ServiceImplClose(&lock, nullptr)) {
          picked = false;
@@ -143,6 +146,7 @@ bool StartDaemon(const char *daemonPath, int *sock, int *watch) {
    if (!ServiceImplClose(watch, nullptr)) {
       return false;
    }
+   HALCYX_TEST_PAUSE("prepare");
    ServiceImplPrepareDaemonFn prepare = ServiceImplGetPrepareDaemonCallback();
    if (prepare != nullptr && !prepare()) {
       return false;
@@ -172,6 +176,7 @@ bool StartDaemon(const char *daemonPath, int *sock, int *watch) {
       return false;
    }
    *watch = pipeFds[1];
+   HALCYX_TEST_PAUSE("daemon-started");
    return ServiceImplClose(sock, nullptr);
 }
 
@@ -213,7 +218,11 @@ extern "C" bool ServiceImplOpener(const char *lockPath, const char *socketPath,
          }
          continue;
       }
+      if (got == SERVICE_IMPL_READ_BYTE) {
+         HALCYX_TEST_PAUSE("greeted");
+      }
       if (got == SERVICE_IMPL_READ_BYTE && ServiceImplSendFd(sock, passFd)) {
+         HALCYX_TEST_PAUSE("sent");
          result = ServiceImplReadOne(sock, &byte) == SERVICE_IMPL_READ_BYTE && byte == '1';
       }
       break;
