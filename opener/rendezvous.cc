@@ -53,9 +53,11 @@ void FillAddress(struct sockaddr_un *addr, const char *path) {
 }
 
 // Opens the lock file and waits for its exclusive lock; -1 on failure.
-// Taking the lock is part of the open, so its failure is the open's.
+// Taking the lock is part of the open, so its failure is the open's. As
+// root, the open never follows a link (root would create or lock the
+// link's target) and never waits for a writer (a FIFO in its place).
 int OpenLocked(const char *lockPath) {
-   int fd = open(lockPath, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+   int fd = open(lockPath, O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
    if (fd < 0) {
       Warning("%s: open errno %d.\n", kPickTag, errno);
       return -1;
