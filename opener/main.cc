@@ -4,6 +4,7 @@
  * descriptor. Installed set-user-ID root; the steps below read as the
  * program's timeline.
  */
+#include <csignal>
 #include <sys/stat.h>
 
 #include "location.h"
@@ -16,6 +17,10 @@
 int main(int argc, char **argv) {
    HALCYX_TEST_ALLOCATIONS_ARM();
    Shellshock_Mitigate();
+   // The caller's file-size limit comes with us: past it a write must fail
+   // (EFBIG) like any other, not end the process in the middle of the
+   // Services tree. The daemon starts with the default disposition again.
+   signal(SIGXFSZ, SIG_IGN);
    ServiceImpl_PrivLower();
    umask(022);
    Location_Init(HALCYX_PROCESS_TAG);
