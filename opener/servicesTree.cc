@@ -319,11 +319,19 @@ bool RecordRoot(const char *root, const char *productFile, const char *parent) {
    if (!File_IsDirectory(parent) && !File_CreateDirectoryHierarchyEx(parent, 0755, nullptr)) {
       return false;
    }
-   if (File_UnlinkIfExists(temporary.get()) != 0) {
+   // A leftover is removed as it stands: a link goes, never what it names
+   // (File_UnlinkIfExists would delete the link's target, as root). The
+   // record is then created afresh, never through a link.
+   if (File_UnlinkNoFollow(temporary.get()) != 0 && errno != ENOENT) {
       return false;
    }
-   FILE *record = fopen(temporary.get(), "w+e");
+   int fd = open(temporary.get(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+   FILE *record = fd < 0 ? nullptr : fdopen(fd, "w+");
    if (record == nullptr) {
+      if (fd >= 0) {
+         ErrnoSaver keep;
+         close(fd);
+      }
       return false;
    }
    int written = fprintf(record, "%s", root);
