@@ -5,6 +5,7 @@
  * program's timeline.
  */
 #include <csignal>
+#include <new>
 #include <sys/stat.h>
 
 #include "location.h"
@@ -21,6 +22,10 @@ int main(int argc, char **argv) {
    // (EFBIG) like any other, not end the process in the middle of the
    // Services tree. The daemon starts with the default disposition again.
    signal(SIGXFSZ, SIG_IGN);
+   // The library's C++ containers report a failed allocation by throwing,
+   // and no exception may cross its C interface: like the safe allocation
+   // wrappers, the opener ends with the allocation-failure panic instead.
+   std::set_new_handler([] { Panic("Unrecoverable memory allocation failure\n"); });
    ServiceImpl_PrivLower();
    umask(022);
    Location_Init(HALCYX_PROCESS_TAG);
