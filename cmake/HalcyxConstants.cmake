@@ -24,3 +24,5 @@ set(HALCYX_DAEMON_LOG_PATH "/var/log/Zorvex Halcyx Services.log" CACHE STRING
     "Log file of the reference services daemon")
 set(HALCYX_VENDOR_ROOTS_PEM "" CACHE FILEPATH
     "PEM file of the vendor root certificates pinned into the code-signature verifier (empty: a development root is generated in the build tree)")
+option(HALCYX_TEST_SEAMS
+       "Pause points and allocation failure for the adversarial tests (sandbox builds only)" OFF)

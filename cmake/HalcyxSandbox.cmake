@@ -18,5 +18,7 @@ set(HALCYX_DAEMON_LOG_PATH "${HALCYX_SANDBOX_DIR}/log/Zorvex Halcyx Services.log
 # test user's openers pause with the lock held (never in a real build).
 set(HALCYX_RENDEZVOUS_BOUND_SECONDS "10" CACHE STRING "")
 set(HALCYX_TEST_PAUSE_UID "65530" CACHE STRING "")
+# Pause points and allocation failure for the adversarial tests.
+set(HALCYX_TEST_SEAMS ON CACHE BOOL "")
 set(HALCYX_BUILD_TESTS OFF CACHE BOOL "")
 set(HALCYX_BUILD_BENCH OFF CACHE BOOL "")

@@ -4,6 +4,8 @@
  * descriptor. Installed set-user-ID root; the steps below read as the
  * program's timeline.
  */
+#include <csignal>
+#include <new>
 #include <sys/stat.h>
 
 #include "location.h"
@@ -11,9 +13,19 @@
 #include "openerConfig.h"
 #include "serviceImpl.h"
 #include "str.h"
+#include "testSeams.h"
 
 int main(int argc, char **argv) {
+   HALCYX_TEST_ALLOCATIONS_ARM();
    Shellshock_Mitigate();
+   // The caller's file-size limit comes with us: past it a write must fail
+   // (EFBIG) like any other, not end the process in the middle of the
+   // Services tree. The daemon starts with the default disposition again.
+   signal(SIGXFSZ, SIG_IGN);
+   // The library's C++ containers report a failed allocation by throwing,
+   // and no exception may cross its C interface: like the safe allocation
+   // wrappers, the opener ends with the allocation-failure panic instead.
+   std::set_new_handler([] { Panic("Unrecoverable memory allocation failure\n"); });
    ServiceImpl_PrivLower();
    umask(022);
    Location_Init(HALCYX_PROCESS_TAG);

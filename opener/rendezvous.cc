@@ -50,6 +50,7 @@
 #include "rootBracket.h"
 #include "serviceImpl.h"
 #include "str.h"
+#include "testSeams.h"
 
 using halcyx::RootBracket;
 using halcyx::SealedRootBracket;
@@ -88,10 +89,12 @@ bool Before(const struct timespec &a, const struct timespec &b) {
  * kBoundSeconds for it; -1 on failure. Taking the lock is part of the open,
  * so its failure (or the end of the wait, errno EAGAIN) is the open's.
  * Between tries root leaves the bracket: a busy lock is waited for as the
- * caller, and each try enters the bracket again before it can succeed.
+ * caller, and each try enters the bracket again before it can succeed. As
+ * root, the open never follows a link (root would create or lock the
+ * link's target) and never waits for a writer (a FIFO in its place).
  */
 int OpenLocked(const char *lockPath, SealedRootBracket &root) {
-   int fd = open(lockPath, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+   int fd = open(lockPath, O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
    if (fd < 0) {
       Warning("%s: open errno %d.\n", kPickTag, errno);
       return -1;
@@ -194,6 +197,7 @@ int PickSockSide(const char *lockPath, const char *socketPath, bool *listener) {
 #ifdef HALCYX_TEST_PAUSE_UID
       PauseHoldingTheLock(root);
 #endif
+      HALCYX_TEST_PAUSE("locked");
       if (connect(sock, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0) {
          picked = true;
          *listener = false;
@@ -203,6 +207,7 @@ int PickSockSide(const char *lockPath, const char *socketPath, bool *listener) {
       } else {
          Warning("%s: connect errno %d.\n", kPickTag, errno);
       }
+      HALCYX_TEST_PAUSE(*listener ? "listening" : "connected");
       // Releases the lock: the next opener may choose its side now.
       if (!ServiceImplClose(&lock, nullptr)) {
          picked = false;
@@ -224,6 +229,7 @@ bool StartDaemon(const char *daemonPath, int *sock, int *watch) {
    if (!ServiceImplClose(watch, nullptr)) {
       return false;
    }
+   HALCYX_TEST_PAUSE("prepare");
    ServiceImplPrepareDaemonFn prepare = ServiceImplGetPrepareDaemonCallback();
    if (prepare != nullptr && !prepare()) {
       return false;
@@ -253,6 +259,7 @@ bool StartDaemon(const char *daemonPath, int *sock, int *watch) {
       return false;
    }
    *watch = pipeFds[1];
+   HALCYX_TEST_PAUSE("daemon-started");
    return ServiceImplClose(sock, nullptr);
 }
 
@@ -291,7 +298,11 @@ extern "C" bool ServiceImplOpener(const char *lockPath, const char *socketPath,
          }
          continue;
       }
+      if (got == SERVICE_IMPL_READ_BYTE) {
+         HALCYX_TEST_PAUSE("greeted");
+      }
       if (got == SERVICE_IMPL_READ_BYTE && ServiceImplSendFd(sock, passFd)) {
+         HALCYX_TEST_PAUSE("sent");
          result = ServiceImplReadOne(sock, &byte) == SERVICE_IMPL_READ_BYTE && byte == '1';
       }
       break;

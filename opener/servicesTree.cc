@@ -42,6 +42,7 @@
 #include "rootBracket.h"
 #include "serviceImpl.h"
 #include "str.h"
+#include "testSeams.h"
 
 using halcyx::ErrnoSaver;
 using halcyx::UniqueCStr;
@@ -267,7 +268,7 @@ char *ComponentIdentifier(const ComponentRow &row, const char *source) {
 
 // Verifies the row's component in the bundle, copies it into the tree and
 // verifies the copy.
-bool CopyComponent(const ComponentRow &row, const char *services) {
+bool CopyComponent(const ComponentRow &row, int index, const char *services) {
    UniqueCStr source(Location_Get(row.key));
    const char *subPath = Location_GetSubPath(row.key);
    if (!source || subPath == nullptr) {
@@ -289,6 +290,7 @@ bool CopyComponent(const ComponentRow &row, const char *services) {
        fstat(code.get(), &st) != 0) {
       return false;
    }
+   HALCYX_TEST_PAUSE_AT("verified", index);
    if (S_ISDIR(st.st_mode)) {
       if (!File_EnsureDirectoryEx(destination.get(), 0755) ||
           !File_CopyTree(source.get(), destination.get(), true, false)) {
@@ -297,6 +299,7 @@ bool CopyComponent(const ComponentRow &row, const char *services) {
    } else if (CopyAsRootFd(code.get(), destination.get(), row.mode) != 0) {
       return false;
    }
+   HALCYX_TEST_PAUSE_AT("copied", index);
    return codesignVerify(destination.get(), identifier.get());
 }
 
@@ -316,11 +319,19 @@ bool RecordRoot(const char *root, const char *productFile, const char *parent) {
    if (!File_IsDirectory(parent) && !File_CreateDirectoryHierarchyEx(parent, 0755, nullptr)) {
       return false;
    }
-   if (File_UnlinkIfExists(temporary.get()) != 0) {
+   // A leftover is removed as it stands: a link goes, never what it names
+   // (File_UnlinkIfExists would delete the link's target, as root). The
+   // record is then created afresh, never through a link.
+   if (File_UnlinkNoFollow(temporary.get()) != 0 && errno != ENOENT) {
       return false;
    }
-   FILE *record = fopen(temporary.get(), "w+e");
+   int fd = open(temporary.get(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+   FILE *record = fd < 0 ? nullptr : fdopen(fd, "w+");
    if (record == nullptr) {
+      if (fd >= 0) {
+         ErrnoSaver keep;
+         close(fd);
+      }
       return false;
    }
    int written = fprintf(record, "%s", root);
@@ -381,16 +392,18 @@ bool ServiceImplPrepareDaemon(void) {
    if (!File_DeleteDirectoryTree(services.get())) {
       return false;
    }
+   HALCYX_TEST_PAUSE("tree-deleted");
    UniqueCStr rootDir(Location_Get("rootDir"));
    if (!rootDir || productFile == nullptr ||
        !RecordRoot(rootDir.get(), productFile, productParent.get())) {
       return false;
    }
+   HALCYX_TEST_PAUSE("root-recorded");
    if (!MakeTreeDirectories(services.get())) {
       return false;
    }
    for (const ComponentRow *row = kComponents; row->key != nullptr; row++) {
-      if (!CopyComponent(*row, services.get())) {
+      if (!CopyComponent(*row, static_cast<int>(row - kComponents), services.get())) {
          return false;
       }
    }
