@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "codesignInt.h"
+#include "internal/nothrow.h"
 #include "log.h"
 #include "serviceInt.h"
 
@@ -361,7 +362,7 @@ PrivilegedXPCMachService_Main(const char *serviceName, PrivilegedServiceHandler 
                               void *context)
 {
    Log("Starting service: %s\n", serviceName ? serviceName : "(null)");
-   UniqueFd listener = ListenOn(serviceName);
+   UniqueFd listener = halcyx::CallOrPanic([&] { return ListenOn(serviceName); });
    WarnWithoutPidfds();
    const Service service = {handler, context};
    for (;;) {

@@ -21,6 +21,7 @@
 
 #include "file/filePrimitives.h"
 #include "fileIO.h"
+#include "internal/nothrow.h"
 #include "internal/unique.h"
 #include "log.h"
 #include "posix.h"
@@ -91,8 +92,9 @@ int DeleteEntries(int dirFd, const std::string &path) {
 }
 
 // Deletes one entry of the directory open on dirFd, a directory with all
-// it holds; 0 when it is gone.
-int DeleteEntry(int dirFd, const std::string &dirPath, const char *name) {
+// it holds; 0 when it is gone. Out of memory is ENOMEM here, so that the
+// caller's listing is always freed.
+int DeleteEntryOrThrow(int dirFd, const std::string &dirPath, const char *name) {
    std::string entry = dirPath + "/" + name;
    struct stat st;
    if (fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -125,6 +127,10 @@ int DeleteEntry(int dirFd, const std::string &dirPath, const char *name) {
    return unlinkat(dirFd, name, 0) == 0 || errno == ENOENT ? 0 : errno;
 }
 
+int DeleteEntry(int dirFd, const std::string &dirPath, const char *name) {
+   return halcyx::CallOr(ENOMEM, [&] { return DeleteEntryOrThrow(dirFd, dirPath, name); });
+}
+
 bool DeleteTree(const char *path, bool contentsOnly) {
    if (Posix_EuidAccess(path, F_OK) != 0) {
       int err = errno == ENOSYS ? FileAttributes(path, nullptr) : errno;
@@ -139,13 +145,38 @@ bool DeleteTree(const char *path, bool contentsOnly) {
    if (!top) {
       return false;
    }
-   int err = DeleteEntries(top.get(), path);
+   int err = halcyx::CallOr(ENOMEM, [&] { return DeleteEntries(top.get(), path); });
    top.reset();
    if (!contentsOnly && err == 0) {
       err = FileRemoveDirectory(path);
    }
    errno = err;
    return err == 0;
+}
+
+// Makes each missing directory of path from the component at searchFrom
+// on. *topmost, when asked for, gets the first one made.
+bool CreateChain(const char *path, size_t searchFrom, int mode, char **topmost) {
+   std::string whole(path);
+   for (;;) {
+      size_t slash = whole.find('/', searchFrom);
+      std::string prefix = whole.substr(0, slash);
+      bool created;
+      int err = CreateChainLink(prefix.c_str(), mode, &created);
+      if (err != 0) {
+         Log("FILE: %s: Failure on '%s'. Error = %d\n", "File_CreateDirectoryHierarchyEx",
+             prefix.c_str(), err);
+         errno = err;
+         return false;
+      }
+      if (created && topmost != nullptr && *topmost == nullptr) {
+         *topmost = Util_SafeStrdup(prefix.c_str());
+      }
+      if (slash == std::string::npos) {
+         return true;
+      }
+      searchFrom = slash + 1;
+   }
 }
 
 }  // namespace
@@ -237,27 +268,7 @@ bool File_CreateDirectoryHierarchyEx(const char *path, int mode, char **topmost)
       return File_IsDirectory(path);
    }
 
-   std::string whole(path);
-   size_t searchFrom = volumeLen + 1;
-   for (;;) {
-      size_t slash = whole.find('/', searchFrom);
-      std::string prefix = whole.substr(0, slash);
-      bool created;
-      int err = CreateChainLink(prefix.c_str(), mode, &created);
-      if (err != 0) {
-         Log("FILE: %s: Failure on '%s'. Error = %d\n", "File_CreateDirectoryHierarchyEx",
-             prefix.c_str(), err);
-         errno = err;
-         return false;
-      }
-      if (created && topmost != nullptr && *topmost == nullptr) {
-         *topmost = Util_SafeStrdup(prefix.c_str());
-      }
-      if (slash == std::string::npos) {
-         return true;
-      }
-      searchFrom = slash + 1;
-   }
+   return halcyx::CallOr(false, [&] { return CreateChain(path, volumeLen + 1, mode, topmost); });
 }
 
 /*

@@ -27,6 +27,7 @@
 #include "file/fileIOInt.h"
 #include "file/filePrimitives.h"
 #include "fileIO.h"
+#include "internal/nothrow.h"
 #include "internal/unique.h"
 #include "log.h"
 #include "msg.h"
@@ -135,7 +136,14 @@ public:
       if (fstat(srcFd, &st) != 0) {
          return false;
       }
-      ancestors_.emplace_back(st.st_dev, st.st_ino);
+      // Out of memory here fails this directory, as any other error would,
+      // so that the listing being walked above is still freed.
+      if (!halcyx::CallOr(false, [&] {
+             ancestors_.emplace_back(st.st_dev, st.st_ino);
+             return true;
+          })) {
+         return false;
+      }
       bool ok = Contents(srcFd, dstFd, src, dst);
       ancestors_.pop_back();
       return ok;

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "err.h"
+#include "internal/nothrow.h"
 #include "internal/unique.h"
 #include "log.h"
 
@@ -151,7 +152,7 @@ bool File_CopyDescriptorAll(int srcFd, int dstFd) {
    bool ok = fstat(srcFd, &st) == 0;
    if (ok) {
       step = "data copy";
-      ok = CopyData(srcFd, dstFd);
+      ok = halcyx::CallOr(false, [&] { return CopyData(srcFd, dstFd); });
    }
    if (ok) {
       // Only a privileged caller may give a file away; any other keeps the
@@ -161,7 +162,7 @@ bool File_CopyDescriptorAll(int srcFd, int dstFd) {
    }
    if (ok) {
       step = "extended attribute copy";
-      ok = CopyAttributes(srcFd, dstFd);
+      ok = halcyx::CallOr(false, [&] { return CopyAttributes(srcFd, dstFd); });
    }
    if (ok) {
       step = "fchmod";

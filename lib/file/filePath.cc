@@ -23,6 +23,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -30,6 +31,7 @@
 
 #include "err.h"
 #include "file/filePrimitives.h"
+#include "internal/nothrow.h"
 #include "internal/unique.h"
 #include "log.h"
 #include "msg.h"
@@ -42,6 +44,26 @@ namespace {
 
 char *Dup(std::string_view s) {
    return Util_SafeStrndup(s.data(), s.size());
+}
+
+// The parts one after another in one malloc'ed string; as the safe
+// allocation wrappers, running out of memory ends the process. No C++
+// container is involved, so nothing can throw out to a C caller.
+char *Concat(std::initializer_list<std::string_view> parts) {
+   size_t size = 1;
+   for (std::string_view part : parts) {
+      size += part.size();
+   }
+   char *out = static_cast<char *>(Util_SafeMalloc(size));
+   size_t at = 0;
+   for (std::string_view part : parts) {
+      if (!part.empty()) {
+         std::memcpy(out + at, part.data(), part.size());
+         at += part.size();
+      }
+   }
+   out[at] = '\0';
+   return out;
 }
 
 std::string_view View(const char *path) {
@@ -114,20 +136,21 @@ char *File_StripSlashes(const char *path) {
 }
 
 char *File_StripFwdSlashes(const char *path) {
-   std::string out;
-   for (char c : View(path)) {
-      if (c != '/' || out.empty() || out.back() != '/') {
-         out.push_back(c);
+   std::string_view p = View(path);
+   char *out = static_cast<char *>(Util_SafeMalloc(p.size() + 1));
+   size_t n = 0;
+   for (char c : p) {
+      if (c != '/' || n == 0 || out[n - 1] != '/') {
+         out[n++] = c;
       }
    }
-   return Dup(out);
+   out[n] = '\0';
+   return out;
 }
 
 char *File_PathJoin(const char *dirName, const char *baseName) {
-   std::string out(WithoutTrailingSlashes(View(dirName)));
-   out += '/';
-   out += WithoutLeadingSlashes(View(baseName));
-   return Dup(out);
+   return Concat({WithoutTrailingSlashes(View(dirName)), "/",
+                  WithoutLeadingSlashes(View(baseName))});
 }
 
 bool File_IsFullPath(const char *path) {
@@ -155,7 +178,9 @@ char *File_Cwd(const char *drive) {
    return nullptr;
 }
 
-char *File_FullPath(const char *path) {
+namespace {
+
+char *FullPath(const char *path) {
    std::string full;
    if (File_IsFullPath(path)) {
       full = path;
@@ -180,8 +205,7 @@ char *File_FullPath(const char *path) {
    // absolute form.
    char *dirPart;
    File_GetPathName(full.c_str(), &dirPart, nullptr);
-   std::string ancestor(dirPart);
-   free(dirPart);
+   std::string ancestor(UniqueCStr(dirPart).get());
    struct stat st;
    while (!ancestor.empty() && stat(ancestor.c_str(), &st) != 0) {
       size_t slash = ancestor.rfind('/');
@@ -194,6 +218,12 @@ char *File_FullPath(const char *path) {
       return File_PathJoin(real.get(), full.c_str() + std::min(ancestor.size(), full.size()));
    }
    return File_StripFwdSlashes(full.c_str());
+}
+
+}  // namespace
+
+char *File_FullPath(const char *path) {
+   return halcyx::CallOr<char *>(nullptr, [&] { return FullPath(path); });
 }
 
 bool File_GetParent(char **path) {
@@ -226,7 +256,7 @@ char *File_ReplaceExtension(const char *path, const char *newExt, size_t count, 
    std::string_view ext = View(newExt);
    size_t dot = ExtensionStart(p);
    if (dot == std::string_view::npos) {
-      return Dup(std::string(p) + std::string(ext));
+      return Concat({p, ext});
    }
    bool replace = count == 0;
    va_list args;
@@ -236,7 +266,7 @@ char *File_ReplaceExtension(const char *path, const char *newExt, size_t count, 
       replace = listed != nullptr && p.substr(dot) == listed;
    }
    va_end(args);
-   return Dup(std::string(replace ? p.substr(0, dot) : p) + std::string(ext));
+   return Concat({replace ? p.substr(0, dot) : p, ext});
 }
 
 char *File_RemoveExtension(const char *path) {
@@ -253,7 +283,7 @@ char *File_MapPathPrefix(const char *path, const char **oldPrefixes,
       std::string_view newPrefix = WithoutTrailingSlashes(View(newPrefixes[i]));
       if (p.starts_with(oldPrefix) &&
           (p.size() == oldPrefix.size() || p[oldPrefix.size()] == '/')) {
-         return Dup(std::string(newPrefix) + std::string(p.substr(oldPrefix.size())));
+         return Concat({newPrefix, p.substr(oldPrefix.size())});
       }
    }
    return nullptr;

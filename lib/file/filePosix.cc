@@ -21,6 +21,7 @@
 #include "file.h"
 #include "file/filePrimitives.h"
 #include "hashTable.h"
+#include "internal/nothrow.h"
 #include "internal/unique.h"
 #include "log.h"
 #include "posix.h"
@@ -99,15 +100,18 @@ int FileDeletion(const char *path, bool handleLink) {
       if (UniqueCStr target(Posix_ReadLink(path)); target != nullptr) {
          // A relative link text names a file beside the link, never one
          // below the current directory.
-         std::string pointee = target.get();
-         if (pointee[0] != '/') {
-            char *dir;
-            File_SplitName(path, nullptr, &dir, nullptr);
-            pointee.insert(0, dir);
-            free(dir);
-         }
-         if (unlink(pointee.c_str()) != 0 && errno != ENOENT) {
-            return errno;
+         int err = halcyx::CallOr(ENOMEM, [&] {
+            std::string pointee = target.get();
+            if (pointee[0] != '/') {
+               char *dir;
+               File_SplitName(path, nullptr, &dir, nullptr);
+               UniqueCStr owned(dir);
+               pointee.insert(0, dir);
+            }
+            return unlink(pointee.c_str()) != 0 && errno != ENOENT ? errno : 0;
+         });
+         if (err != 0) {
+            return err;
          }
       } else if (errno != EINVAL) {
          return errno;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 /*
  * The pending user message: a list kept oldest first with a tail pointer,
- * so appending does not walk it. The state is made on first use.
+ * so appending does not walk it. The state needs no allocation and no
+ * construction at run time, so no call here can fail for want of memory.
  */
 #include "msg.h"
 
@@ -15,10 +16,11 @@ struct PendingMessage {
    MsgList **tail = &head;
 };
 
-PendingMessage &Pending() {
-   static PendingMessage *state = new PendingMessage;
-   return *state;
-}
+// Never destroyed (nothing to destroy), so a thread still appending while
+// the process exits finds it intact.
+constinit PendingMessage gPending;
+
+PendingMessage &Pending() { return gPending; }
 
 }  // namespace
 
