@@ -42,6 +42,38 @@
 using namespace halcyx;
 using namespace halcyx::service;
 
+BundleFault halcyx::service::AllowedClientsOf(std::string_view infoPlist,
+                                              std::vector<std::string> *out) {
+   codesign::UniquePlist info;
+   if (!codesign::ParseInfoPlist(infoPlist, &info)) {
+      return kNoServiceDictionary;
+   }
+   plist_t service = plist_dict_get_item(static_cast<plist_t>(info.get()), "XPCService");
+   if (!PLIST_IS_DICT(service)) {
+      return kNoServiceDictionary;
+   }
+   plist_t clients = plist_dict_get_item(service, "_AllowedClients");
+   if (!clients) {
+      return kNoAllowedClients;
+   }
+   if (!PLIST_IS_ARRAY(clients)) {
+      return kAllowedClientsType;
+   }
+   // The copy is of texts: an entry that is not one cannot be copied.
+   std::vector<std::string> texts;
+   for (uint32_t i = 0; i < plist_array_get_size(clients); i++) {
+      plist_t item = plist_array_get_item(clients, i);
+      uint64_t len = 0;
+      const char *s = PLIST_IS_STRING(item) ? plist_get_string_ptr(item, &len) : nullptr;
+      if (!s) {
+         return kCopyFailed;
+      }
+      texts.emplace_back(s, len);
+   }
+   *out = std::move(texts);
+   return kNoFault;
+}
+
 struct PrivilegedServiceMessage {
    plist_t dictionary;
    pid_t pid;
@@ -65,15 +97,6 @@ std::mutex gLogLock;
 struct Service {
    PrivilegedServiceHandler *handler;
    void *context;
-};
-
-enum BundleFault {
-   kNoFault,
-   kNoMainBundle,
-   kNoServiceDictionary,
-   kNoAllowedClients,
-   kAllowedClientsType,
-   kCopyFailed,
 };
 
 constexpr const char *kFaultMessages[] = {
@@ -121,34 +144,7 @@ BundleFault ReadAllowedClients(std::vector<std::string> *out) {
    if (!bundle) {
       return kNoMainBundle;
    }
-   codesign::UniquePlist info;
-   if (!codesign::ParseInfoPlist(data, &info)) {
-      return kNoServiceDictionary;
-   }
-   plist_t service = plist_dict_get_item(static_cast<plist_t>(info.get()), "XPCService");
-   if (!PLIST_IS_DICT(service)) {
-      return kNoServiceDictionary;
-   }
-   plist_t clients = plist_dict_get_item(service, "_AllowedClients");
-   if (!clients) {
-      return kNoAllowedClients;
-   }
-   if (!PLIST_IS_ARRAY(clients)) {
-      return kAllowedClientsType;
-   }
-   // The copy is of texts: an entry that is not one cannot be copied.
-   std::vector<std::string> texts;
-   for (uint32_t i = 0; i < plist_array_get_size(clients); i++) {
-      plist_t item = plist_array_get_item(clients, i);
-      uint64_t len = 0;
-      const char *s = PLIST_IS_STRING(item) ? plist_get_string_ptr(item, &len) : nullptr;
-      if (!s) {
-         return kCopyFailed;
-      }
-      texts.emplace_back(s, len);
-   }
-   *out = std::move(texts);
-   return kNoFault;
+   return AllowedClientsOf(data, out);
 }
 
 // What the log calls the peer: its executable's path, or "unknown process".

@@ -88,6 +88,23 @@ bool ServiceSocketPath(const char *serviceName, std::string *out);
 // build's directory.
 void SetSocketDirForTesting(const char *dir);
 
+/* ---- Allowed clients ---------------------------------------------------- */
+
+// Why a listener has no list of allowed clients (kNoFault: it has one).
+enum BundleFault {
+   kNoFault,
+   kNoMainBundle,
+   kNoServiceDictionary,
+   kNoAllowedClients,
+   kAllowedClientsType,
+   kCopyFailed,
+};
+
+// The requirement texts under XPCService/_AllowedClients of a bundle's
+// Info.plist bytes (XML or binary). *out is set only with kNoFault; an
+// entry that is not a string fails the whole list.
+BundleFault AllowedClientsOf(std::string_view infoPlist, std::vector<std::string> *out);
+
 /* ---- Peer identity ------------------------------------------------------ */
 
 // A connected process, named by its pidfd, and the executable that it ran

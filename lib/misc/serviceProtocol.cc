@@ -113,6 +113,12 @@ bool ServiceImplRecvFd(int socket, int *fdOut) {
 
    ssize_t n = recvmsg(socket, &msg, MSG_CMSG_CLOEXEC);
    if (n == 0) {
+      // End-of-file, or an empty packet: only the latter brings control
+      // data, and descriptors it carried must not stay behind.
+      if (CMSG_FIRSTHDR(&msg) != nullptr) {
+         CloseCarriedFds(&msg);
+         Warning("%s: Unexpected message.\n", "ServiceImplRecvFd");
+      }
       return false;
    }
    if (n < 0) {
