@@ -21,7 +21,9 @@ static bool Replay(const fs::path &file) {
    }
    std::vector<uint8_t> data((std::istreambuf_iterator<char>(in)),
                              std::istreambuf_iterator<char>());
-   LLVMFuzzerTestOneInput(data.data(), data.size());
+   // As under libFuzzer, an empty input still comes at a valid address.
+   static const uint8_t kEmpty = 0;
+   LLVMFuzzerTestOneInput(data.empty() ? &kEmpty : data.data(), data.size());
    return true;
 }
 
