@@ -38,16 +38,14 @@
 #include <vector>
 
 #include "private_tmp.h"
+#include "sandbox_paths.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-const fs::path kDir = SANDBOX_DIR;
-const fs::path kApp = kDir / "Zorvex Halcyx.app";
-const fs::path kOpener = kApp / "Contents/Library/services/Open Zorvex Halcyx Services";
+using namespace halcyx::test::sandbox;
 const fs::path kCopy = kDir / "copy.app";
-const fs::path kDaemonLog = kDir / "log/Zorvex Halcyx Services.log";
 constexpr uid_t kNobody = 65534;
 constexpr int kPadMib = 100;
 

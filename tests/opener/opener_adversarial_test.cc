@@ -41,27 +41,16 @@
 #include <unistd.h>
 
 #include "private_tmp.h"
+#include "sandbox_paths.h"
 #include "serviceProtocol.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-const fs::path kDir = SANDBOX_DIR;
+using namespace halcyx::test::sandbox;
 const fs::path kSeams = kDir / "seams";
-const fs::path kApp = kDir / "Zorvex Halcyx.app";
-const fs::path kOpener = kApp / "Contents/Library/services/Open Zorvex Halcyx Services";
-const fs::path kHost = kDir / "Library/Application Support/Zorvex/Zorvex Halcyx";
-const fs::path kTree = kHost / "Services";
-const std::string kDaemonSub = "Contents/Library/services/Zorvex Halcyx Services";
-const fs::path kDaemon = kTree / kDaemonSub;
-const fs::path kPrefs = kDir / "Library/Preferences/Zorvex Halcyx";
-const fs::path kProductFile = kPrefs / "lastLocationUsed";
 const fs::path kTemporary = kPrefs / "lastLocationUsed.tmp";
-const fs::path kRun = kDir / "run";
-const fs::path kLock = kRun / "Zorvex Halcyx Services.lock";
-const fs::path kSock = kRun / "Zorvex Halcyx Services.sock";
-const fs::path kDaemonLog = kDir / "log/Zorvex Halcyx Services.log";
 // Outside the sandbox: root's files that links planted by a row point at,
 // and the harness's record of each opener's output.
 const fs::path kOutside = "/tmp/halcyx-outside";

@@ -38,6 +38,7 @@
 #include <unistd.h>
 
 #include "private_tmp.h"
+#include "sandbox_paths.h"
 #include "serviceProtocol.h"
 #include SANDBOX_CONFIG  // the sandbox opener's build constants
 
@@ -45,17 +46,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const fs::path kDir = SANDBOX_DIR;
-const fs::path kApp = kDir / "Zorvex Halcyx.app";
-const fs::path kOpener = kApp / "Contents/Library/services/Open Zorvex Halcyx Services";
-const fs::path kHost = kDir / "Library/Application Support/Zorvex/Zorvex Halcyx";
-const fs::path kTree = kHost / "Services";
-const std::string kDaemonSub = "Contents/Library/services/Zorvex Halcyx Services";
-const fs::path kDaemon = kTree / kDaemonSub;
-const fs::path kProductFile = kDir / "Library/Preferences/Zorvex Halcyx/lastLocationUsed";
-const fs::path kLock = kDir / "run/Zorvex Halcyx Services.lock";
-const fs::path kSock = kDir / "run/Zorvex Halcyx Services.sock";
-const fs::path kDaemonLog = kDir / "log/Zorvex Halcyx Services.log";
+using namespace halcyx::test::sandbox;
 
 // Runs a shell command line; its exit status.
 int Sh(const std::string &command) {
